@@ -1,0 +1,1 @@
+../../../src/provider/provider_plugin.h

@@ -1,0 +1,54 @@
+#include "tesauth/active_directory_store.h"
+
+#include "tesauth/configuration.h"
+#include "tesauth/exceptions.h"
+
+namespace tessary::authentication {
+
+namespace {
+
+/// The name of the directory provider in the host's settings.
+std::string ConfiguredProviderName() {
+    std::string name;
+    try {
+        name = ProviderConfiguration()["provider"];
+    } catch (const IOError&) {
+        throw InvalidActiveDirectoryProviderException("(none installed)");
+    }
+    if (name.empty()) {
+        throw InvalidActiveDirectoryProviderException("(unset)");
+    }
+    return name;
+}
+
+std::shared_ptr<ActiveDirectoryProvider> LoadProvider(const std::string& name) {
+    try {
+        return std::make_shared<ActiveDirectoryProvider>(name);
+    } catch (const IOError&) {
+        throw InvalidActiveDirectoryProviderException(name);
+    }
+}
+
+} // namespace
+
+ActiveDirectoryStore::ActiveDirectoryStore(int timeout)
+    : timeoutSeconds(timeout), provider(LoadProvider(ConfiguredProviderName())) {}
+
+ActiveDirectoryStore::~ActiveDirectoryStore() = default;
+
+std::string ActiveDirectoryStore::GetDisplayName() const {
+    return "Active Directory";
+}
+
+void ActiveDirectoryStore::MakeActive() {
+    AuthenticationConfiguration configuration;
+    configuration["remote-authentication-store"] = GetDisplayName();
+    configuration.Write();
+    UpdateCache(std::nullopt);
+}
+
+void ActiveDirectoryStore::MakeInactive() {
+    UpdateCache(std::nullopt);
+}
+
+} // namespace tessary::authentication

@@ -1,0 +1,33 @@
+#include "plugin_library.h"
+
+#include <dlfcn.h>
+
+#include "tesauth/exceptions.h"
+
+namespace tessary::authentication::plugin {
+
+namespace {
+
+constexpr const char* pluginDirectory = "/usr/libexec/tesauth/";
+
+void* TryOpen(const std::string& path) {
+    dlerror(); // an error that is still pending is not ours
+    return dlopen(path.c_str(), RTLD_LAZY | RTLD_GLOBAL);
+}
+
+} // namespace
+
+void* Open(const std::string& name, const std::string& failurePrefix) {
+    const std::string file = "lib" + name + ".so";
+    void* handle = TryOpen(std::string(pluginDirectory) + "lib64" + "/" + file);
+    if (handle == nullptr) {
+        handle = TryOpen(pluginDirectory + file);
+    }
+    if (handle == nullptr) {
+        const char* reason = dlerror();
+        throw IOError(failurePrefix + (reason != nullptr ? reason : ""));
+    }
+    return handle;
+}
+
+} // namespace tessary::authentication::plugin

@@ -1,0 +1,73 @@
+#include <dlfcn.h>
+#include <iterator>
+#include <sstream>
+
+#include "plugin_library.h"
+#include "tesauth/exceptions.h"
+#include "tesauth/provider.h"
+
+namespace tessary::authentication {
+
+namespace {
+
+constexpr const char* metadataSymbol = "ActiveDirectoryClientMetadata";
+constexpr const char* operationsSymbol = "ActiveDirectoryClientOperations";
+
+std::string TextOrEmpty(const char* text) {
+    return text != nullptr ? text : "";
+}
+
+void AppendWords(const char* text, std::list<std::string>& words) {
+    std::istringstream stream(TextOrEmpty(text));
+    words.insert(words.end(), std::istream_iterator<std::string>(stream), {});
+}
+
+/// The loader's text for a symbol that is missing; a later look-up that succeeded has cleared it,
+/// so the failing one is made again.
+std::string MissingSymbolText(void* handle) {
+    if (const char* reason = dlerror()) {
+        return reason;
+    }
+    dlsym(handle, metadataSymbol);
+    return TextOrEmpty(dlerror());
+}
+
+} // namespace
+
+ActiveDirectoryProvider::ActiveDirectoryProvider(const std::string& name)
+    : handle(plugin::Open(name, "Unable to open provider: ")) {
+    try {
+        metadata = static_cast<const ActiveDirectoryClientMetadata*>(dlsym(handle, metadataSymbol));
+        if (metadata != nullptr && metadata->apiVersion > TESAUTH_PROVIDER_API_VERSION) {
+            throw InvalidActiveDirectoryProviderException(
+                name, "The API version (" + std::to_string(metadata->apiVersion) +
+                          ") is not supported by this version of libtesauth");
+        }
+        operations =
+            static_cast<const ActiveDirectoryClientOperations*>(dlsym(handle, operationsSymbol));
+        if (metadata == nullptr || operations == nullptr) {
+            throw InvalidActiveDirectoryProviderException(name, MissingSymbolText(handle));
+        }
+        CacheMetadata();
+    } catch (...) {
+        dlclose(handle);
+        throw;
+    }
+}
+
+ActiveDirectoryProvider::~ActiveDirectoryProvider() {
+    dlclose(handle);
+}
+
+int32_t ActiveDirectoryProvider::GetAPIVersion() const {
+    return operations->apiVersion;
+}
+
+void ActiveDirectoryProvider::CacheMetadata() {
+    pamModule = TextOrEmpty(metadata->pamModule);
+    AppendWords(metadata->pamModuleParameters, pamModuleParameters);
+    nssModule = TextOrEmpty(metadata->nssModule);
+    AppendWords(metadata->nssModuleParameters, nssModuleParameters);
+}
+
+} // namespace tessary::authentication
