@@ -33,11 +33,13 @@ namespace authentication {
 class TESAUTH_API ActiveDirectoryStore : public DirectoryStore {
 public:
     /// Loads the provider that the host's settings name. Queries wait `timeoutSeconds` for it.
-    /// Throws InvalidActiveDirectoryProviderException when none is installed, set or usable.
+    /// Throws InvalidActiveDirectoryProviderException when none is installed, set or usable, and
+    /// ConfigurationError or InvalidKeyException when the settings are malformed.
     explicit ActiveDirectoryStore(int timeoutSeconds);
 
-    /// The store's configuration; the caller deletes it. What the provider cannot tell is empty.
-    ActiveDirectoryStoreConfiguration* GetStoreConfiguration() const override;
+    /// A new ActiveDirectoryStoreConfiguration; the caller deletes it. What the provider cannot
+    /// tell is empty.
+    StoreConfiguration* GetStoreConfiguration() const override;
 
     /// "Active Directory".
     std::string GetDisplayName() const override;

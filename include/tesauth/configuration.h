@@ -33,8 +33,9 @@ public:
     virtual ~Configuration();
 
     /// Replaces the file atomically with the current content, keys in ascending order. Throws
-    /// IOError or FilePermissionError as AtomicFileStream does; unless only the permission bits
-    /// could not be kept, the old file stays in place then.
+    /// IOError when that fails, also when the content could not be written whole: the old file
+    /// stays in place. Throws FilePermissionError as AtomicFileStream does: the new one is in
+    /// place.
     virtual void Write() const;
 
     /// The value of an existing key. Kept on purpose, unlike the map's own operator: a missing key

@@ -23,7 +23,7 @@ public:
     NoRemoteAuthenticationStore();
 
     /// A new NoRemoteAuthenticationStoreConfiguration; the caller deletes it.
-    NoRemoteAuthenticationStoreConfiguration* GetStoreConfiguration() const override;
+    StoreConfiguration* GetStoreConfiguration() const override;
 
     /// "None".
     std::string GetDisplayName() const override;

@@ -26,7 +26,9 @@ struct Singleton {
 
 /// Allocates a store.
 template <typename T>
-std::unique_ptr<AuthenticationStore> Constructor();
+std::unique_ptr<AuthenticationStore> Constructor() {
+    return std::make_unique<T>();
+}
 template <>
 TESAUTH_API std::unique_ptr<AuthenticationStore> Constructor<NoRemoteAuthenticationStore>();
 /// The store waits 60 seconds for each provider call.

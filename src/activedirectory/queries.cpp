@@ -16,7 +16,7 @@ bool ActiveDirectoryStore::Ask(const std::string& key,
     }
 }
 
-ActiveDirectoryStoreConfiguration* ActiveDirectoryStore::GetStoreConfiguration() const {
+StoreConfiguration* ActiveDirectoryStore::GetStoreConfiguration() const {
     const bool answered = Ask("StoreConfig", [provider = provider](const std::string& key) {
         GetStoreConfigurationInt(provider, key);
     });

@@ -7,15 +7,15 @@ namespace tessary::authentication {
 
 namespace {
 
-/// Runs one step of a refresh; a failure of type `Caught` is logged and told by the result, any
-/// other goes on to the caller.
-template <typename Caught, typename Step>
-bool Succeeds(const char* whatFailed, Step step) {
+/// Runs one step of a refresh. A failure of type `Caught` is handed to `log` and told by the
+/// result, any other goes on to the caller.
+template <typename Caught, typename Step, typename Log>
+bool Succeeds(Step step, Log log) {
     try {
         step();
         return true;
     } catch (const Caught& failure) {
-        syslog(LOG_ERR, "Failed to get %s: %s", whatFailed, failure.what());
+        log(failure.what());
         return false;
     }
 }
@@ -28,18 +28,21 @@ int MillisecondsSince(std::chrono::steady_clock::time_point start) {
 } // namespace
 
 bool ActiveDirectoryStore::FetchAdConfig() const {
-    return Succeeds<std::exception>("AD config", [this] {
-        const AuthenticationStore& store = *this;
-        const std::unique_ptr<StoreConfiguration> discarded(store.GetStoreConfiguration());
-    });
+    return Succeeds<std::exception>(
+        [this] { const std::unique_ptr<StoreConfiguration> discarded(GetStoreConfiguration()); },
+        [](const char* why) { syslog(LOG_ERR, "Failed to get AD config: %s", why); });
 }
 
 bool ActiveDirectoryStore::FetchDomainTrustState() const {
-    return Succeeds<Exception>("domain trust state", [this] { GetDomainTrustState(); });
+    return Succeeds<Exception>(
+        [this] { GetDomainTrustState(); },
+        [](const char* why) { syslog(LOG_ERR, "Failed to get domain trust state: %s", why); });
 }
 
 bool ActiveDirectoryStore::FetchTrustedDomains() const {
-    return Succeeds<std::exception>("trusted domains", [this] { GetTrustedDomains(); });
+    return Succeeds<std::exception>(
+        [this] { GetTrustedDomains(); },
+        [](const char* why) { syslog(LOG_ERR, "Failed to get trusted domains: %s", why); });
 }
 
 bool ActiveDirectoryStore::FetchTrustRelationships() const {
@@ -47,17 +50,22 @@ bool ActiveDirectoryStore::FetchTrustRelationships() const {
     bool allSucceeded = true;
     for (const Domain& domain : _adCache.GetAllDomains()) {
         const std::string& name = domain.dnsName;
-        allSucceeded &= Succeeds<std::exception>(("trust relationship for " + name).c_str(),
-                                                 [&] { GetDomainTrustRelationship(name); });
+        allSucceeded &= Succeeds<std::exception>(
+            [&] { GetDomainTrustRelationship(name); },
+            [&](const char* why) {
+                syslog(LOG_ERR, "Failed to get trust relationship for %s: %s", name.c_str(), why);
+            });
     }
     _adCache.CleanupOldTrustRelationships();
     return allSucceeded;
 }
 
 bool ActiveDirectoryStore::FetchScEnabledSvcs() const {
-    return Succeeds<Exception>("smart card enabled services", [this] {
-        _adCache.SetSmartCardEnabledServices(provider->GetSmartCardEnabledServices());
-    });
+    return Succeeds<Exception>(
+        [this] { _adCache.SetSmartCardEnabledServices(provider->GetSmartCardEnabledServices()); },
+        [](const char* why) {
+            syslog(LOG_ERR, "Failed to get smart card enabled services: %s", why);
+        });
 }
 
 void ActiveDirectoryStore::UpdateCache(std::optional<bool> pcscdSvcPolicy) const {

@@ -48,21 +48,21 @@ void RequestState::Done(std::unique_ptr<Exception>&& result) {
 void RequestState::WaitResult(int timeoutSeconds) {
     const timespec deadline = DeadlineAfter(timeoutSeconds);
     int rc = 0;
-    std::unique_ptr<Exception> failure;
+    const Exception* failure = nullptr;
     {
         const MutexGuard guard(mutex);
         while (!done && rc == 0) {
             rc = pthread_cond_timedwait(&condition, &mutex, &deadline);
         }
         if (rc == 0) {
-            if (error == nullptr) {
-                return;
-            }
-            failure.reset(error->Clone()); // the state keeps its own for the other waiters
+            failure = error.get(); // stays as it is: a request finishes once
         }
     }
     if (failure != nullptr) {
         failure->Throw();
+    }
+    if (rc == 0) {
+        return;
     }
     if (rc == ETIMEDOUT) {
         throw ProviderCallTimedOutException("Provider call timed out.");

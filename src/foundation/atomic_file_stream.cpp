@@ -26,6 +26,7 @@ void AtomicFileStream::open(const char* path, std::ios_base::openmode mode) {
         throw IOError(std::string("Unable to create temporary file to write '") + path +
                       "': " + std::strerror(errno));
     }
+    fchmod(descriptor, S_IRUSR | S_IWUSR); // also where the umask takes bits from the owner
     ::close(descriptor);
 
     tempName = name;

@@ -68,7 +68,7 @@ Configuration::Configuration(const std::string& path) : filename(path) {
         }
     }
     if (file.bad()) { // a directory, or a disk that fails half-way
-        throw IOError("Unable to read '" + filename + "': " + std::strerror(errno));
+        throw IOError("Unable to open '" + filename + "': " + std::strerror(errno));
     }
 }
 

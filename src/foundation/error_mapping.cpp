@@ -10,11 +10,9 @@ void ThrowMappedException(uint32_t code) {
     if (code >= 0xFFFF0000u) {
         throw UnknownException(code);
     }
-    // Kept on purpose: a zero code counts as file not found.
-    if (code == 0) {
-        throw FileNotFoundException();
-    }
     switch (code) {
+    case 0: // kept on purpose: a zero code counts as file not found
+        throw FileNotFoundException();
 #define TESAUTH_THROW_MAPPED(CODE, NAME, TEXT)                                                     \
     case CODE:                                                                                     \
         throw NAME();

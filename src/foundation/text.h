@@ -7,6 +7,11 @@
 
 namespace tessary::authentication {
 
+/// A text of the C world; a null pointer counts as empty.
+inline std::string TextOrEmpty(const char* text) {
+    return text != nullptr ? text : "";
+}
+
 /// The text of a literal from `offset` characters after its start; an offset beyond its end gives
 /// the empty text, so nothing past the literal is ever read.
 template <std::size_t Size>

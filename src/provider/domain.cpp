@@ -6,8 +6,8 @@ namespace tessary::authentication {
 
 namespace {
 
-const char* NameOrUnset(const std::string& name) {
-    return name.empty() ? "(unset)" : name.c_str();
+std::string NameOrUnset(const std::string& name) {
+    return name.empty() ? "(unset)" : name;
 }
 
 } // namespace

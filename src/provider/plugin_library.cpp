@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include "tesauth/exceptions.h"
+#include "text.h"
 
 namespace tessary::authentication::plugin {
 
@@ -24,8 +25,7 @@ void* Open(const std::string& name, const std::string& failurePrefix) {
         handle = TryOpen(pluginDirectory + file);
     }
     if (handle == nullptr) {
-        const char* reason = dlerror();
-        throw IOError(failurePrefix + (reason != nullptr ? reason : ""));
+        throw IOError(failurePrefix + TextOrEmpty(dlerror()));
     }
     return handle;
 }

@@ -5,6 +5,7 @@
 #include "plugin_library.h"
 #include "tesauth/exceptions.h"
 #include "tesauth/provider.h"
+#include "text.h"
 
 namespace tessary::authentication {
 
@@ -12,10 +13,6 @@ namespace {
 
 constexpr const char* metadataSymbol = "ActiveDirectoryClientMetadata";
 constexpr const char* operationsSymbol = "ActiveDirectoryClientOperations";
-
-std::string TextOrEmpty(const char* text) {
-    return text != nullptr ? text : "";
-}
 
 void AppendWords(const char* text, std::list<std::string>& words) {
     std::istringstream stream(TextOrEmpty(text));

@@ -3,6 +3,7 @@
 
 #include "tesauth/exceptions.h"
 #include "tesauth/provider.h"
+#include "text.h"
 
 namespace tessary::authentication {
 
@@ -65,7 +66,7 @@ std::string ReturnedString(Operation operation, Arguments... arguments) {
     ActiveDirectoryReleaseFunction release = nullptr;
     Check(operation(arguments..., &text, &release));
     const ReturnedBuffer buffer(text, release);
-    return text != nullptr ? text : "";
+    return TextOrEmpty(text);
 }
 
 /// Calls an operation that returns a null-terminated array and appends what `convert` makes of
@@ -94,10 +95,6 @@ std::vector<const char*> PointerArray(const Container& names) {
     }
     pointers.push_back(nullptr);
     return pointers;
-}
-
-std::string CopyText(const char* text) {
-    return text != nullptr ? text : "";
 }
 
 /// Copies one name of a record and gives it back; a null name is neither copied nor given back.
@@ -176,12 +173,14 @@ Domain ActiveDirectoryProvider::GetActiveDomain() const {
 
 void ActiveDirectoryProvider::SetPreferredDomainControllers(
     const std::deque<std::string>& controllers) const {
-    Check(Required(operations->setPreferredDomainControllers)(PointerArray(controllers).data()));
+    const uint32_t status =
+        Required(operations->setPreferredDomainControllers)(PointerArray(controllers).data());
+    Check(status);
 }
 
 std::deque<std::string> ActiveDirectoryProvider::GetPreferredDomainControllers() const {
     return ReturnedArray<std::deque<std::string>>(
-        Required(operations->getPreferredDomainControllers), CopyText);
+        Required(operations->getPreferredDomainControllers), TextOrEmpty);
 }
 
 TrustState ActiveDirectoryProvider::GetDomainTrustState() const {
@@ -196,7 +195,7 @@ ActiveDirectoryProvider::GetDomainTrustRelationship(const std::string& domain) c
 std::deque<Domain> ActiveDirectoryProvider::GetTrustedDomains() const {
     return ReturnedArray<std::deque<Domain>>(
         Required(operations->getTrustedDomains), [](const ActiveDirectoryDomainNames* names) {
-            return Domain(CopyText(names->dnsName), CopyText(names->netbiosName));
+            return Domain(TextOrEmpty(names->dnsName), TextOrEmpty(names->netbiosName));
         });
 }
 
@@ -221,12 +220,14 @@ std::string ActiveDirectoryProvider::GetHostPrincipalForDomain(const std::string
 
 void ActiveDirectoryProvider::SetSmartCardEnabledServices(
     const std::vector<std::string>& services) const {
-    Check(Required(operations->setSmartCardEnabledServices)(PointerArray(services).data()));
+    const uint32_t status =
+        Required(operations->setSmartCardEnabledServices)(PointerArray(services).data());
+    Check(status);
 }
 
 std::vector<std::string> ActiveDirectoryProvider::GetSmartCardEnabledServices() const {
     return ReturnedArray<std::vector<std::string>>(
-        Required(operations->getSmartCardEnabledServices), CopyText);
+        Required(operations->getSmartCardEnabledServices), TextOrEmpty);
 }
 
 } // namespace tessary::authentication

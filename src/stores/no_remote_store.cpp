@@ -15,8 +15,7 @@ NoRemoteAuthenticationStoreConfiguration::~NoRemoteAuthenticationStoreConfigurat
 NoRemoteAuthenticationStore::NoRemoteAuthenticationStore() = default;
 NoRemoteAuthenticationStore::~NoRemoteAuthenticationStore() = default;
 
-NoRemoteAuthenticationStoreConfiguration*
-NoRemoteAuthenticationStore::GetStoreConfiguration() const {
+StoreConfiguration* NoRemoteAuthenticationStore::GetStoreConfiguration() const {
     return new NoRemoteAuthenticationStoreConfiguration(configuration);
 }
 

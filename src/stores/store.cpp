@@ -16,7 +16,8 @@ AuthenticationStore::~AuthenticationStore() = default;
 
 bool RemoteAuthenticationStore::IsActive() const {
     AuthenticationConfiguration configuration;
-    return configuration["remote-authentication-store"] == GetDisplayName();
+    const std::string& activeName = configuration["remote-authentication-store"];
+    return activeName == GetDisplayName();
 }
 
 RemoteAuthenticationStore::~RemoteAuthenticationStore() = default;
