@@ -5,7 +5,8 @@
 #       SOURCES file...          relative to the folder of the calling file
 #       [LIBRARIES target...]    besides GoogleTest and tesauth_test_support
 #       [HOSTNAME name]          the private host's name, "host1" unless told
-#       [LABELS label...]        "slow" keeps a test out of the sanitizer runs
+#       [LABELS label...]        "slow" keeps a test out of the runs with the address sanitizer;
+#                                "stress" takes it into the one with the thread sanitizer
 #       [ENVIRONMENT VAR=value...]
 #       [ARGUMENTS word...]      for the binary
 #       [TIMEOUT seconds])       60 unless told
@@ -15,6 +16,10 @@
 #       [HOSTS n]                hosts: 1 unless told
 #       [IN hostN])              run on that host of the lab; unless told the binary runs beside
 #                                the hosts and reaches them with "$TESAUTH_LAB host hostN COMMAND"
+#
+#   tesauth_host_script(NAME SCRIPT file [HOSTNAME ...] [LABELS ...] [ENVIRONMENT ...]
+#                       [ARGUMENTS ...] [TIMEOUT s])
+#       runs a bash script on a private host.
 #
 #   tesauth_lab_script(NAME SCRIPT file [DCS n] [HOSTS n] [LABELS ...] [ENVIRONMENT ...] [TIMEOUT s])
 #       runs a bash script beside the hosts of a lab.
@@ -43,6 +48,14 @@ add_test(NAME stage
                  -P ${CMAKE_CURRENT_LIST_DIR}/StageInstall.cmake)
 set_tests_properties(stage PROPERTIES FIXTURES_SETUP stage)
 
+# The tests labelled "stress" and what they run on: nothing else is built with the thread sanitizer.
+add_custom_target(tesauth_stress)
+foreach(shipped orvcfg hykctlcore hykctl tesauth adldap tesauthctl)
+  if(TARGET ${shipped})
+    add_dependencies(tesauth_stress ${shipped})
+  endif()
+endforeach()
+
 # The words that start a lab, as far as the caller's arguments say.
 function(tesauth_lab_words result dcs hosts)
   set(words ${TESAUTH_LAB} run --stage ${TESAUTH_STAGE} --keep ${PROJECT_BINARY_DIR})
@@ -65,6 +78,9 @@ macro(tesauth_test_properties name kind timeout)
     LABELS "namespaces;${kind};${ARG_LABELS}"
     ENVIRONMENT "${TESAUTH_TEST_ENVIRONMENT};${ARG_ENVIRONMENT}"
     TIMEOUT ${ARG_TIMEOUT})
+  if("stress" IN_LIST ARG_LABELS AND TARGET ${name})
+    add_dependencies(tesauth_stress ${name})
+  endif()
 endmacro()
 
 macro(tesauth_test_executable name)
@@ -93,6 +109,19 @@ function(tesauth_host_test name)
   add_test(NAME ${name}
            COMMAND ${TESAUTH_PRIVATE_HOST} --stage ${TESAUTH_STAGE} --keep ${PROJECT_BINARY_DIR}
                    --hostname ${ARG_HOSTNAME} -- $<TARGET_FILE:${name}> ${ARG_ARGUMENTS})
+  tesauth_test_properties(${name} host 60)
+endfunction()
+
+function(tesauth_host_script name)
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "SCRIPT;HOSTNAME;TIMEOUT"
+                        "LABELS;ENVIRONMENT;ARGUMENTS")
+  if(NOT ARG_HOSTNAME)
+    set(ARG_HOSTNAME host1)
+  endif()
+  cmake_path(ABSOLUTE_PATH ARG_SCRIPT BASE_DIRECTORY ${CMAKE_CURRENT_LIST_DIR})
+  add_test(NAME ${name}
+           COMMAND ${TESAUTH_PRIVATE_HOST} --stage ${TESAUTH_STAGE} --keep ${PROJECT_BINARY_DIR}
+                   --hostname ${ARG_HOSTNAME} -- bash ${ARG_SCRIPT} ${ARG_ARGUMENTS})
   tesauth_test_properties(${name} host 60)
 endfunction()
 

@@ -1,0 +1,72 @@
+"""Fills a freshly provisioned domain, on its controller and before it runs, with the accounts that
+tests need."""
+
+import os
+import time
+
+import ldb
+from samba.auth import system_session
+from samba.dcerpc import security
+from samba.ndr import ndr_pack, ndr_unpack
+from samba.param import LoadParm
+from samba.samdb import SamDB
+
+COMPUTER = "bf967a86-0de6-11d0-a285-00aa003049e2"  # the class's schemaIDGUID
+
+
+def nt_time(seconds):
+    """Seconds since 1970 as the directory counts: 100 ns since 1601."""
+    return int((seconds + 11644473600) * 10**7)
+
+
+def replace(samdb, dn, **values):
+    message = ldb.Message(ldb.Dn(samdb, str(dn)))
+    for name, value in values.items():
+        name = name.replace("_", "-")
+        message[name] = ldb.MessageElement(value, ldb.FLAG_MOD_REPLACE, name)
+    samdb.modify(message)
+
+
+def find_user(samdb, name):
+    found = samdb.search(expression=f"(sAMAccountName={name})", attrs=["objectSid"])[0]
+    return found.dn, ndr_unpack(security.dom_sid, found["objectSid"][0])
+
+
+def delegate_computers(samdb, unit, sid):
+    """Lets the holder of `sid` make and delete computers in `unit`, and do all with them."""
+    found = samdb.search(base=unit, scope=ldb.SCOPE_BASE, attrs=["nTSecurityDescriptor"])[0]
+    descriptor = ndr_unpack(security.descriptor, found["nTSecurityDescriptor"][0])
+    domain_sid = security.dom_sid(samdb.get_domain_sid())
+    for entry in (f"(OA;CI;CCDC;{COMPUTER};;{sid})", f"(OA;CIIO;GA;;{COMPUTER};{sid})"):
+        parsed = security.descriptor.from_sddl("D:" + entry, domain_sid)
+        descriptor.dacl_add(parsed.dacl.aces[0])
+    replace(samdb, unit, nTSecurityDescriptor=ndr_pack(descriptor))
+
+
+def main():
+    parameters = LoadParm()
+    parameters.load_default()
+    samdb = SamDB(url=parameters.samdb_url(), session_info=system_session(), lp=parameters)
+    base = samdb.domain_dn()
+    password = os.environ["TESAUTH_LAB_USER_PASSWORD"]
+
+    with_accounts = ["alice", "joiner", "dave", "erin", "frank", "lena"]
+    samdb.transaction_start()
+    # Otherwise every user may make ten computers, anywhere.
+    replace(samdb, base, ms_DS_MachineAccountQuota="0")
+    for name in with_accounts:
+        samdb.newuser(name, password)
+    samdb.disable_account("(sAMAccountName=dave)")
+    replace(samdb, find_user(samdb, "erin")[0], pwdLastSet="0")
+    replace(samdb, find_user(samdb, "frank")[0], accountExpires=str(nt_time(time.time() - 86400)))
+    replace(samdb, find_user(samdb, "lena")[0], lockoutTime=str(nt_time(time.time())))
+
+    servers = f"OU=Servers,{base}"
+    for unit in (servers, f"OU=Hosts,{servers}"):
+        samdb.add({"dn": unit, "objectClass": "organizationalUnit"})
+    delegate_computers(samdb, servers, find_user(samdb, "joiner")[1])
+    samdb.transaction_commit()
+
+
+if __name__ == "__main__":
+    main()
