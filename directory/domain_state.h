@@ -1,0 +1,42 @@
+/// What the host remembers of its membership in a domain.
+#ifndef TESSARY_DIRECTORY_DOMAIN_STATE_H
+#define TESSARY_DIRECTORY_DOMAIN_STATE_H
+
+#include "files.h"
+#include "names.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tessary::directory {
+
+/// The host's membership; the file that holds it is the truth on whether the host is joined.
+struct DomainState {
+    std::string domain; ///< DNS name, lower case
+    std::string netbiosName;
+    std::string realm;
+    std::string domainSid;
+    std::string account;   ///< the computer account's name, with the final '$'
+    std::string accountDn; ///< where the account was when the host joined
+    std::string shortName; ///< the host's names in the keytab
+    std::string fullName;
+
+    /// Complete names of the principals whose keys the host has.
+    std::vector<std::string> KeytabPrincipals() const;
+
+    /// Whether a text is one of the domain's two names.
+    bool IsNamed(const std::string& name) const;
+
+    /// \return the state, or nothing when the host is not joined
+    static std::optional<DomainState> Load();
+    /// Makes the file's new version; the host counts as joined once it is committed.
+    void Prepare(Replacement& file) const;
+    static void Remove();
+
+    static const char* Path();
+};
+
+} // namespace tessary::directory
+
+#endif

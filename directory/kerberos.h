@@ -1,0 +1,117 @@
+/// Kerberos, by itself: neither the host's configuration nor its ticket cache is read or changed.
+#ifndef TESSARY_DIRECTORY_KERBEROS_H
+#define TESSARY_DIRECTORY_KERBEROS_H
+
+#include "deadline.h"
+#include "error.h"
+#include "names.h"
+#include "secret.h"
+#include "socket.h"
+
+#include <gssapi/gssapi.h>
+#include <krb5.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tessary::directory {
+
+/// Finds the key distribution centre of a realm, port included; throws Error when there is none.
+using KdcFinder = std::function<SocketAddress(const std::string& realm)>;
+
+/// A key of an account, as it stands in a keytab.
+class AccountKey {
+public:
+    AccountKey(krb5_context context, krb5_keyblock key) : context_(context), key_(key) {}
+    AccountKey(AccountKey&& other) noexcept : context_(other.context_), key_(other.key_) {
+        other.key_ = {};
+    }
+    AccountKey& operator=(AccountKey&&) = delete;
+    ~AccountKey() { krb5_free_keyblock_contents(context_, &key_); }
+
+    const krb5_keyblock& Get() const { return key_; }
+
+private:
+    krb5_context context_; // must outlive the key
+    krb5_keyblock key_;
+};
+
+/// A ticket cache in memory and what fills it. Every exchange with a key distribution centre is
+/// over by the deadline given to the constructor. Use by one thread at a time.
+///
+/// Failures are Errors that tell a user's mistakes apart: NoSuchUser, WrongPassword,
+/// AccountDisabled, PasswordExpired, ClockSkew, InvalidUserName; ConnectionRefused, NoController
+/// and TimedOut for the network; else InternalError. A wrong clock is never a WrongPassword.
+class KerberosSession {
+public:
+    /// \param realm the domain's, in upper case
+    KerberosSession(const std::string& realm, KdcFinder findKdc, const Deadline& deadline);
+    ~KerberosSession();
+    KerberosSession(const KerberosSession&) = delete;
+    KerberosSession& operator=(const KerberosSession&) = delete;
+
+    /// Goes on with another key distribution centre, the tickets kept.
+    void Redirect(KdcFinder findKdc, const Deadline& deadline);
+
+    krb5_context Context() const { return context_; }
+    const std::string& Realm() const { return realm_; }
+    /// The ticket cache's name, valid in this process as long as the session lives.
+    const std::string& CacheName() const { return cacheName_; }
+
+    /// Gets the initial ticket of a user.
+    /// \param domain the DNS name of this session's domain; a user who names another one is
+    ///               searched for by the domain
+    void LogIn(const UserName& user, const std::string& domain, const char* password);
+
+    /// Gets the initial ticket of an account whose key is in a keytab.
+    /// \param account the account's name, such as "WEB1$"
+    /// \param keytab  such as "FILE:/etc/krb5.keytab"
+    /// \throws Error as above; MachineKeyRejected when the keytab has no key of the account
+    void LogInWithKeytab(const std::string& account, const std::string& keytab);
+
+    /// Gets the ticket for a service on a host, with the initial ticket.
+    void GetServiceTicket(const std::string& service, const std::string& host);
+
+    /// The keys that an account has with this password, one for each kind of encryption used here.
+    /// Asks the key distribution centre for the salt. The keys must not outlive the session.
+    std::vector<AccountKey> MakeKeys(const std::string& account, const Secret& password);
+
+private:
+    class Principal;
+
+    static krb5_error_code Exchange(krb5_context context, void* self, const krb5_data* realm,
+                                    const krb5_data* message, krb5_data** newMessage,
+                                    krb5_data** reply);
+    void GetInitialTicket(const Principal& client, bool canonical,
+                          const std::function<krb5_error_code(krb5_init_creds_context)>& setKey);
+    void Check(krb5_error_code code, const std::string& what);
+
+    std::string realm_;
+    KdcFinder findKdc_;
+    Deadline deadline_;
+    krb5_context context_ = nullptr;
+    krb5_ccache cache_ = nullptr;
+    std::string cacheName_;
+    std::optional<Error> exchangeError_;
+};
+
+/// The session's tickets as GSSAPI takes them.
+class GssCredential {
+public:
+    /// \param session must outlive the credential
+    explicit GssCredential(const KerberosSession& session);
+    ~GssCredential();
+    GssCredential(const GssCredential&) = delete;
+    GssCredential& operator=(const GssCredential&) = delete;
+
+    gss_cred_id_t Get() const { return credential_; }
+
+private:
+    gss_cred_id_t credential_ = GSS_C_NO_CREDENTIAL;
+};
+
+} // namespace tessary::directory
+
+#endif

@@ -1,0 +1,23 @@
+/// The configuration that Kerberos runs with here.
+#ifndef TESSARY_DIRECTORY_KERBEROS_PROFILE_H
+#define TESSARY_DIRECTORY_KERBEROS_PROFILE_H
+
+#include <krb5.h>
+#include <profile.h>
+
+#include <string>
+
+namespace tessary::directory {
+
+/// The kinds of encryption used, the preferred one first.
+inline constexpr krb5_enctype encryptionTypes[] = {ENCTYPE_AES256_CTS_HMAC_SHA1_96,
+                                                   ENCTYPE_AES128_CTS_HMAC_SHA1_96};
+
+/// A Kerberos context with a configuration of our own, held in memory: the host's krb5.conf and the
+/// environment are not looked at. Release with krb5_free_context().
+/// \param realm the default realm
+krb5_context MakeKerberosContext(const std::string& realm);
+
+} // namespace tessary::directory
+
+#endif

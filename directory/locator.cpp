@@ -1,0 +1,200 @@
+#include "locator.h"
+
+#include "controller_candidates.h"
+#include "error.h"
+#include "preferred_controllers.h"
+#include "text.h"
+
+#include <algorithm>
+#include <optional>
+
+namespace tessary::directory {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::chrono::milliseconds headStart = 250ms; // of one controller over the next
+constexpr std::chrono::milliseconds patience = 5s;     // with one controller
+
+/// A controller that has been asked and has not answered yet.
+class Attempt {
+public:
+    Attempt(Candidate candidate, const Deadline& deadline)
+        : candidate_(std::move(candidate)), deadline_(deadline.AtMost(patience)),
+          connecting_(StartConnect(candidate_.address)) {}
+
+    const Deadline& End() const { return deadline_; }
+    pollfd Wanted() const {
+        return connection_ ? pollfd{connection_->Socket(), POLLIN, 0}
+                           : pollfd{connecting_.Get(), POLLOUT, 0};
+    }
+
+    /// Goes on as far as it can without waiting.
+    /// \return the controller's answer once it is there
+    /// \throws Error when the controller cannot be talked to
+    std::optional<LdapEntry> Advance() {
+        static const char* const attributes[] = {"defaultNamingContext",
+                                                 "configurationNamingContext", "dnsHostName",
+                                                 "ldapServiceName", nullptr};
+        if (!connection_) {
+            FinishConnect(connecting_.Get());
+            connection_ = std::make_unique<LdapConnection>(std::move(connecting_), candidate_.host);
+            question_ = connection_->StartRootSearch(attributes);
+            return std::nullopt;
+        }
+        return connection_->TryFinishSearch(question_);
+    }
+
+    /// The controller that gave this answer. A login takes the connection's name for the
+    /// controller's: a controller that calls itself by another name is connected to again.
+    Controller Take(const LdapEntry& answer) {
+        const std::string& service = answer.Value("ldapServiceName");
+        const std::string& host = answer.Value("dnsHostName");
+        if (!EqualNames(host, candidate_.host))
+            connection_ =
+                std::make_unique<LdapConnection>(Connect(candidate_.address, deadline_), host);
+        return {host,
+                LowerCase(service.substr(0, service.find(':'))),
+                service.substr(service.rfind('@') + 1),
+                answer.Value("defaultNamingContext"),
+                answer.Value("configurationNamingContext"),
+                candidate_.address,
+                std::move(connection_)};
+    }
+
+private:
+    Candidate candidate_;
+    Deadline deadline_;
+    UniqueFd connecting_;
+    std::unique_ptr<LdapConnection> connection_;
+    int question_ = 0;
+};
+
+/// "DC=corp,DC=example" for "corp.example".
+std::string BaseDnOf(const std::string& domain) {
+    std::string dn = "DC=";
+    for (char c : domain)
+        c == '.' ? dn += ",DC=" : dn += c;
+    return dn;
+}
+
+/// Asks the candidates, and remembers why those that did not answer did not.
+class Race {
+public:
+    Race(const std::string& domain, const std::vector<std::string>& known, const Deadline& deadline)
+        : baseDn_(BaseDnOf(domain)), deadline_(deadline), candidates_(domain, known, deadline),
+          nextStart_(Deadline::In(0ms)) {}
+
+    Controller Run() {
+        for (;;) {
+            while (!exhausted_ && (nextStart_.Passed() || attempts_.empty()))
+                StartNext();
+            if (attempts_.empty())
+                ThrowFailure();
+            if (auto controller = AdvanceAll(Wait()))
+                return std::move(*controller);
+        }
+    }
+
+private:
+    void StartNext() {
+        std::optional<Candidate> candidate = candidates_.Next();
+        exhausted_ = !candidate;
+        nextStart_ = Deadline::In(headStart);
+        if (candidate)
+            Guarded([&] { attempts_.push_back(Attempt(std::move(*candidate), deadline_)); });
+    }
+
+    /// Notes the failure of one attempt, so that the others go on.
+    template <typename Function>
+    bool Guarded(Function function) {
+        try {
+            function();
+            return true;
+        } catch (const Error& error) {
+            failures_.push_back(error.Code());
+            nextStart_ = Deadline::In(0ms);
+            return false;
+        }
+    }
+
+    std::vector<pollfd> Wait() {
+        std::vector<pollfd> descriptors;
+        Deadline end = exhausted_ ? deadline_.AtMost(patience) : nextStart_;
+        for (const Attempt& attempt : attempts_) {
+            descriptors.push_back(attempt.Wanted());
+            end = end.AtMost(std::chrono::milliseconds(attempt.End().Milliseconds()));
+        }
+        Poll(descriptors, end);
+        return descriptors;
+    }
+
+    /// Drops the attempts that failed or ran out of time.
+    std::optional<Controller> AdvanceAll(const std::vector<pollfd>& descriptors) {
+        std::vector<Attempt> remaining;
+        for (std::size_t i = 0; i < attempts_.size(); ++i) {
+            Attempt& attempt = attempts_[i];
+            std::optional<Controller> found;
+            const bool usable = Guarded([&] {
+                if (descriptors[i].revents != 0)
+                    found = Judge(attempt);
+                else if (attempt.End().Passed())
+                    throw Error(Status::TimedOut, "no answer");
+            });
+            if (found)
+                return found;
+            if (usable)
+                remaining.push_back(std::move(attempt));
+        }
+        attempts_ = std::move(remaining);
+        return std::nullopt;
+    }
+
+    std::optional<Controller> Judge(Attempt& attempt) {
+        const std::optional<LdapEntry> answer = attempt.Advance();
+        if (!answer)
+            return std::nullopt;
+        if (!EqualNames(answer->Value("defaultNamingContext"), baseDn_) ||
+            answer->Value("dnsHostName").empty() || answer->Value("ldapServiceName").empty())
+            throw Error(Status::NoSuchDomain, "serves another domain");
+        return attempt.Take(*answer);
+    }
+
+    [[noreturn]] void ThrowFailure() const {
+        const auto failed = [&](Status status) {
+            return std::find(failures_.begin(), failures_.end(), status) != failures_.end();
+        };
+        const auto allFailed = [&](Status status) {
+            return !failures_.empty() && std::all_of(failures_.begin(), failures_.end(),
+                                                     [&](Status each) { return each == status; });
+        };
+        if (failed(Status::TimedOut))
+            throw Error(Status::TimedOut, "no domain controller answers in time");
+        if (candidates_.DiscoveryError() && (failures_.empty() || allFailed(Status::NoSuchDomain)))
+            throw *candidates_.DiscoveryError();
+        if (allFailed(Status::ConnectionRefused))
+            throw Error(Status::ConnectionRefused,
+                        "every domain controller refuses the connection");
+        throw Error(Status::NoController, "no domain controller can be reached");
+    }
+
+    std::string baseDn_;
+    Deadline deadline_;
+    ControllerCandidates candidates_;
+    Deadline nextStart_;
+    bool exhausted_ = false;
+    std::vector<Attempt> attempts_;
+    std::vector<Status> failures_;
+};
+
+} // namespace
+
+Controller LocateController(const std::string& domain, const std::vector<std::string>& first,
+                            const Deadline& deadline) {
+    std::vector<std::string> known(first);
+    for (std::string& controller : PreferredControllers())
+        known.push_back(std::move(controller));
+    return Race(domain, known, deadline).Run();
+}
+
+} // namespace tessary::directory

@@ -1,0 +1,193 @@
+#include "resolver.h"
+
+#include "error.h"
+#include "operation.h"
+#include "text.h"
+
+#include <arpa/nameser.h>
+#include <netdb.h>
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string_view>
+
+namespace tessary::directory {
+namespace {
+
+constexpr int secondsPerTry = 2;
+constexpr int triesPerServer = 2;
+constexpr int ampleTime = 6000; // milliseconds: what one silent server costs
+constexpr std::size_t largestAnswer = 65535;
+
+struct AddressListDeleter {
+    void operator()(addrinfo* list) const { freeaddrinfo(list); }
+};
+
+/// Reads the records of one section of an answer, leaving out what is malformed.
+template <typename Function>
+void ForEachRecord(ns_msg& message, ns_sect section, Function function) {
+    for (int i = 0; i < ns_msg_count(message, section); ++i) {
+        ns_rr record;
+        if (ns_parserr(&message, section, i, &record) != 0)
+            return;
+        function(record);
+    }
+}
+
+/// Draws from the services of one priority, the heavier the likelier, until none is left.
+template <typename Iterator>
+void ShuffleByWeight(Iterator first, Iterator last, std::minstd_rand& random) {
+    for (; first != last; ++first) {
+        unsigned total = 0;
+        std::for_each(first, last, [&](const auto& service) { total += service.weight; });
+        unsigned drawn = std::uniform_int_distribution<unsigned>(0, total)(random);
+        const auto chosen = std::find_if(first, last, [&](const auto& service) {
+            if (drawn <= service.weight)
+                return true;
+            drawn -= service.weight;
+            return false;
+        });
+        std::iter_swap(first, chosen);
+    }
+}
+
+} // namespace
+
+MutedResolver::MutedResolver() {
+    if ((_res.options & RES_INIT) == 0)
+        res_init();
+    serverCount_ = _res.nscount;
+    _res.nscount = 0;
+}
+
+MutedResolver::~MutedResolver() {
+    _res.nscount = serverCount_;
+}
+
+Resolver::Resolver(const Deadline& deadline) : answer_(largestAnswer) {
+    if (res_ninit(&state_) != 0)
+        throw Error(Status::NoController, "the host's name resolution is not configured");
+    const bool ample = deadline.Milliseconds() >= ampleTime;
+    state_.retrans = std::min(state_.retrans, ample ? secondsPerTry : secondsPerTry / 2);
+    state_.retry = std::min(state_.retry, triesPerServer);
+    // Large answers fit into one datagram, and of one that doesn't the part that came will do: the
+    // C library's switch to TCP knows no time limit.
+    state_.options |= RES_USE_EDNS0 | RES_IGNTC;
+}
+
+Resolver::~Resolver() {
+    res_nclose(&state_);
+}
+
+bool Resolver::Query(const std::string& name, int type) {
+    const Waiting waiting;
+    answer_.resize(largestAnswer);
+    const int length = res_nquery(&state_, name.c_str(), ns_c_in, type, answer_.data(),
+                                  static_cast<int>(answer_.size()));
+    queryError_ = length < 0 ? state_.res_h_errno : 0;
+    answer_.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
+    return length >= 0;
+}
+
+void Resolver::AddAddress(const std::string& host, int type, const unsigned char* data,
+                          unsigned length) {
+    if (type == ns_t_a && length == sizeof(in_addr)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        std::memcpy(&address.sin_addr, data, length);
+        known_[LowerCase(host)].emplace_back(reinterpret_cast<sockaddr*>(&address), sizeof address,
+                                             0);
+    } else if (type == ns_t_aaaa && length == sizeof(in6_addr)) {
+        sockaddr_in6 address{};
+        address.sin6_family = AF_INET6;
+        std::memcpy(&address.sin6_addr, data, length);
+        known_[LowerCase(host)].emplace_back(reinterpret_cast<sockaddr*>(&address), sizeof address,
+                                             0);
+    }
+}
+
+std::vector<std::string> Resolver::ServiceHosts(const std::string& name) {
+    ns_msg message;
+    if (!Query(name, ns_t_srv)) {
+        if (queryError_ == HOST_NOT_FOUND || queryError_ == NO_DATA)
+            throw Error(Status::NoSuchDomain, "no service record " + name);
+        throw Error(Status::NoController, "no name server answers for " + name);
+    }
+    if (ns_initparse(answer_.data(), static_cast<int>(answer_.size()), &message) != 0)
+        throw Error(Status::NoController, "malformed answer for " + name);
+
+    std::vector<Service> services;
+    ForEachRecord(message, ns_s_an, [&](const ns_rr& record) {
+        char host[NS_MAXDNAME];
+        const unsigned char* data = ns_rr_rdata(record);
+        if (ns_rr_type(record) != ns_t_srv || ns_rr_rdlen(record) < 7 ||
+            dn_expand(ns_msg_base(message), ns_msg_end(message), data + 6, host, sizeof host) < 0)
+            return;
+        if (host[0] != '\0')
+            services.push_back({ns_get16(data), ns_get16(data + 2), host});
+    });
+    ForEachRecord(message, ns_s_ar, [&](const ns_rr& record) {
+        AddAddress(ns_rr_name(record), ns_rr_type(record), ns_rr_rdata(record),
+                   ns_rr_rdlen(record));
+    });
+    if (services.empty())
+        throw Error(Status::NoSuchDomain, "no service record " + name);
+
+    std::minstd_rand random(std::random_device{}());
+    std::stable_sort(services.begin(), services.end(),
+                     [](const Service& a, const Service& b) { return a.priority < b.priority; });
+    for (auto first = services.begin(); first != services.end();) {
+        const auto last = std::find_if(first, services.end(), [&](const Service& service) {
+            return service.priority != first->priority;
+        });
+        ShuffleByWeight(first, last, random);
+        first = last;
+    }
+    std::vector<std::string> hosts;
+    for (const Service& service : services)
+        hosts.push_back(service.host);
+    return hosts;
+}
+
+void Resolver::QueryAddresses(const std::string& host, int type) {
+    ns_msg message;
+    if (!Query(host, type) ||
+        ns_initparse(answer_.data(), static_cast<int>(answer_.size()), &message) != 0)
+        return;
+    // The records may be those of an alias's target; all are the host's.
+    ForEachRecord(message, ns_s_an, [&](const ns_rr& record) {
+        AddAddress(host, ns_rr_type(record), ns_rr_rdata(record), ns_rr_rdlen(record));
+    });
+}
+
+std::vector<SocketAddress> Resolver::Addresses(const std::string& host) {
+    const auto known = known_.find(LowerCase(host));
+    if (known != known_.end())
+        return known->second;
+
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    {
+        const MutedResolver localOnly;
+        const Waiting waiting;
+        if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0)
+            found = nullptr;
+    }
+    const std::unique_ptr<addrinfo, AddressListDeleter> list(found);
+    std::vector<SocketAddress> addresses;
+    for (const addrinfo* entry = list.get(); entry; entry = entry->ai_next)
+        if (entry->ai_family == AF_INET || entry->ai_family == AF_INET6)
+            addresses.emplace_back(entry->ai_addr, entry->ai_addrlen, 0);
+    if (!addresses.empty())
+        return addresses;
+
+    QueryAddresses(host, ns_t_a);
+    QueryAddresses(host, ns_t_aaaa);
+    return known_[LowerCase(host)];
+}
+
+} // namespace tessary::directory

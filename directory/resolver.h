@@ -1,0 +1,72 @@
+/// The domain name system: a domain's controllers and their addresses.
+#ifndef TESSARY_DIRECTORY_RESOLVER_H
+#define TESSARY_DIRECTORY_RESOLVER_H
+
+#include "socket.h"
+
+#include <resolv.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace tessary::directory {
+
+/// While it lives, look-ups of this thread through the C library ask no name server: they answer
+/// from local files or fail at once. Other threads are not affected.
+///
+/// The libraries below insist on looking a controller's name up to find its canonical form; the
+/// name that the controller gives itself is the right one, and a look-up costs seconds where name
+/// servers don't answer.
+class MutedResolver {
+public:
+    MutedResolver();
+    ~MutedResolver();
+    MutedResolver(const MutedResolver&) = delete;
+    MutedResolver& operator=(const MutedResolver&) = delete;
+
+private:
+    int serverCount_;
+};
+
+/// Asks the name servers of the host's current resolver configuration. Gives up after 6 to 9
+/// seconds, by how many servers there are, when none answers. Use by one thread at a time.
+class Resolver {
+public:
+    /// \param deadline with less than six seconds left, servers get half the time
+    explicit Resolver(const Deadline& deadline);
+    ~Resolver();
+    Resolver(const Resolver&) = delete;
+    Resolver& operator=(const Resolver&) = delete;
+
+    /// The hosts of a service, in the order to try them: by priority, by weight within one.
+    /// \param name such as "_ldap._tcp.dc._msdcs.corp.example"
+    /// \throws Error NoSuchDomain when there is no such record; NoController when no name server
+    ///         answers or none can tell
+    std::vector<std::string> ServiceHosts(const std::string& name);
+
+    /// The addresses of a host: one written as an address, one from the hosts file, one that came
+    /// with ServiceHosts(), or one from a name server. Port 0.
+    /// \return empty when the name does not resolve
+    std::vector<SocketAddress> Addresses(const std::string& host);
+
+private:
+    struct Service {
+        unsigned priority;
+        unsigned weight;
+        std::string host;
+    };
+
+    bool Query(const std::string& name, int type);
+    void AddAddress(const std::string& host, int type, const unsigned char* data, unsigned length);
+    void QueryAddresses(const std::string& host, int type);
+
+    struct __res_state state_ {};
+    std::vector<unsigned char> answer_;
+    int queryError_ = 0;
+    std::map<std::string, std::vector<SocketAddress>> known_; // by host name in lower case
+};
+
+} // namespace tessary::directory
+
+#endif

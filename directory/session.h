@@ -1,0 +1,61 @@
+/// Being logged in at a domain controller.
+#ifndef TESSARY_DIRECTORY_SESSION_H
+#define TESSARY_DIRECTORY_SESSION_H
+
+#include "deadline.h"
+#include "domain_state.h"
+#include "kerberos.h"
+#include "ldap_connection.h"
+#include "locator.h"
+#include "names.h"
+
+#include <memory>
+#include <string>
+
+namespace tessary::directory {
+
+/// The time that one query may take.
+inline constexpr std::chrono::seconds queryTime{15};
+/// The time that a join or a leave may take, without undoing a join that failed.
+inline constexpr std::chrono::seconds membershipTime{15};
+
+/// Where to find the key distribution centre of any realm: that of the controller's own realm is
+/// the controller itself; others are located when they are asked for.
+KdcFinder FinderFor(const Controller& controller, const Deadline& deadline);
+
+/// A controller, tickets, and an encrypted connection to it. Use by one thread at a time.
+class Session {
+public:
+    /// Logs in at a controller as a user.
+    Session(Controller controller, const UserName& user, const char* password,
+            const Deadline& deadline);
+
+    /// Logs in at a controller of the joined domain with the machine account's own key.
+    /// \throws Error MachineKeyRejected or NoMachineAccount where a user would get WrongPassword or
+    ///         NoSuchUser
+    Session(const DomainState& state, const Deadline& deadline);
+
+    /// Goes on, with the same rights, on a new connection to whichever controller answers.
+    void Reconnect(const Deadline& deadline);
+
+    const Controller& Where() const { return controller_; }
+    LdapConnection& Ldap() { return *controller_.connection; }
+    KerberosSession& Kerberos() { return kerberos_; }
+    const Deadline& End() const { return deadline_; }
+
+private:
+    void Bind();
+
+    Controller controller_;
+    Deadline deadline_;
+    KerberosSession kerberos_;
+};
+
+/// Gets an initial ticket with the machine account's own key.
+/// \throws Error as the second constructor of Session
+void LogInAsMachine(KerberosSession& kerberos, const std::string& account,
+                    const std::string& keytab);
+
+} // namespace tessary::directory
+
+#endif

@@ -1,0 +1,397 @@
+// The provider plug-in against real domain controllers, on a host of the lab.
+
+#include "provider_plugin.h"
+
+#include <dlfcn.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+constexpr char keytabFile[] = "/etc/krb5.keytab";
+constexpr char stateFile[] = "/var/lib/tessary/domain_state";
+
+std::string Lab(const std::string& variable) {
+    const char* value = std::getenv(("TESAUTH_LAB_" + variable).c_str());
+    EXPECT_NE(value, nullptr) << variable;
+    return value ? value : "";
+}
+
+void RunLab(const std::string& words) {
+    ASSERT_EQ(std::system(("\"$TESAUTH_LAB\" " + words).c_str()), 0) << words;
+}
+
+bool Exists(const char* path) {
+    struct stat information;
+    return stat(path, &information) == 0;
+}
+
+std::string Content(const char* path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// Calls the plug-in as the library would, with its results copied and released.
+class Plugin {
+public:
+    Plugin() {
+        void* handle = dlopen("/usr/libexec/tesauth/libadldap.so", RTLD_LAZY | RTLD_GLOBAL);
+        if (!handle)
+            throw std::runtime_error(dlerror());
+        operations_ = static_cast<const ActiveDirectoryClientOperations*>(
+            dlsym(handle, "ActiveDirectoryClientOperations"));
+        metadata_ = static_cast<const ActiveDirectoryClientMetadata*>(
+            dlsym(handle, "ActiveDirectoryClientMetadata"));
+    }
+
+    const ActiveDirectoryClientOperations& Operations() const { return *operations_; }
+    const ActiveDirectoryClientMetadata& Metadata() const { return *metadata_; }
+
+    std::uint32_t Join(const std::string& domain, const std::string& unit, const std::string& user,
+                       const std::string& password) const {
+        const Credentials credentials{user.c_str(), password.c_str()};
+        return operations_->joinDomain(domain.c_str(), unit.empty() ? nullptr : unit.c_str(),
+                                       &credentials);
+    }
+
+    std::uint32_t LeaveAs(const std::string& user, const std::string& password) const {
+        const Credentials credentials{user.c_str(), password.c_str()};
+        return operations_->partDomain(&credentials);
+    }
+
+    std::uint32_t Leave() const { return operations_->partDomain(nullptr); }
+
+    /// "dns netbios", or what stands for null.
+    std::string ActiveDomain() const {
+        ActiveDirectoryDomainNames names{nullptr, nullptr};
+        ActiveDirectoryReleaseFunction release = nullptr;
+        EXPECT_EQ(operations_->getActiveDomain(&names, &release), 0u);
+        std::string text;
+        for (char* name : {names.dnsName, names.netbiosName}) {
+            text += (text.empty() ? "" : " ") + std::string(name ? name : "(null)");
+            if (name)
+                release(name);
+        }
+        return text;
+    }
+
+    std::string MachineDn() const {
+        char* dn = nullptr;
+        ActiveDirectoryReleaseFunction release = nullptr;
+        const std::uint32_t status = operations_->getMachineAccountDN(&dn, &release);
+        return status == 0 ? Take(dn, release) : "status " + std::to_string(status);
+    }
+
+    std::string Controller(const char* first, const std::string& domain) const {
+        char* name = nullptr;
+        ActiveDirectoryReleaseFunction release = nullptr;
+        const std::uint32_t status =
+            operations_->getAnyDomainController(first, domain.c_str(), &name, &release);
+        return status == 0 ? Take(name, release) : "status " + std::to_string(status);
+    }
+
+    std::vector<std::string> Trusted(std::uint32_t expectedStatus = 0) const {
+        ActiveDirectoryDomainNames** domains = nullptr;
+        ActiveDirectoryReleaseFunction release = nullptr;
+        const std::uint32_t status = operations_->getTrustedDomains(&domains, &release);
+        EXPECT_EQ(status, expectedStatus);
+        std::vector<std::string> result;
+        if (status != 0)
+            return result;
+        for (ActiveDirectoryDomainNames** each = domains; *each; ++each)
+            result.push_back(std::string((*each)->dnsName) + " " + (*each)->netbiosName);
+        release(domains);
+        return result;
+    }
+
+    std::uint32_t SetPreferred(const std::vector<std::string>& controllers) const {
+        std::vector<const char*> pointers;
+        for (const std::string& controller : controllers)
+            pointers.push_back(controller.c_str());
+        pointers.push_back(nullptr);
+        return operations_->setPreferredDomainControllers(pointers.data());
+    }
+
+    std::vector<std::string> Preferred() const {
+        char** controllers = nullptr;
+        ActiveDirectoryReleaseFunction release = nullptr;
+        EXPECT_EQ(operations_->getPreferredDomainControllers(&controllers, &release), 0u);
+        std::vector<std::string> result;
+        for (char** each = controllers; *each; ++each)
+            result.push_back(*each);
+        release(controllers);
+        return result;
+    }
+
+private:
+    static std::string Take(char* text, ActiveDirectoryReleaseFunction release) {
+        const std::string result(text);
+        release(text);
+        return result;
+    }
+
+    const ActiveDirectoryClientOperations* operations_;
+    const ActiveDirectoryClientMetadata* metadata_;
+};
+
+class AdldapTest : public testing::Test {
+protected:
+    AdldapTest()
+        : domain_(Lab("DOMAIN")), admin_(Lab("ADMIN")), password_(Lab("PASSWORD")),
+          userPassword_(Lab("USER_PASSWORD")) {}
+
+    void SetUp() override { ASSERT_EQ(plugin_.ActiveDomain(), "(null) (null)"); }
+
+    void TearDown() override {
+        EXPECT_EQ(plugin_.SetPreferred({}), 0u);
+        EXPECT_EQ(plugin_.LeaveAs(admin_, password_), 0u);
+        EXPECT_FALSE(Exists(keytabFile));
+        EXPECT_FALSE(Exists(stateFile));
+    }
+
+    std::uint32_t JoinAsAdmin(const std::string& unit = "") const {
+        return plugin_.Join(domain_, unit, admin_, password_);
+    }
+
+    TrustState State() const { return plugin_.Operations().getDomainTrustState(); }
+    TrustRelationship With(const std::string& domain) const {
+        return plugin_.Operations().getDomainTrustRelationship(domain.c_str());
+    }
+
+    Plugin plugin_;
+    std::string domain_;
+    std::string admin_;
+    std::string password_;
+    std::string userPassword_; // everybody else's
+};
+
+TEST_F(AdldapTest, SaysWhichModulesLogUsersIn) {
+    EXPECT_EQ(plugin_.Metadata().apiVersion, 3);
+    EXPECT_EQ(plugin_.Operations().apiVersion, 3);
+    EXPECT_STREQ(plugin_.Metadata().pamModule, "pam_sss.so");
+    EXPECT_STREQ(plugin_.Metadata().nssModule, "sss");
+}
+
+TEST_F(AdldapTest, HostThatIsNotJoinedSaysSo) {
+    EXPECT_EQ(State(), TrustStateNotJoined);
+    EXPECT_EQ(plugin_.MachineDn(), "status 1787");
+    EXPECT_EQ(With(domain_), TrustRelationshipUnknown);
+    plugin_.Trusted(2);
+    EXPECT_EQ(plugin_.Leave(), 0u);
+}
+
+TEST_F(AdldapTest, JoinMakesAWorkingMember) {
+    ASSERT_EQ(JoinAsAdmin(), 0u);
+    EXPECT_EQ(plugin_.ActiveDomain(), domain_ + " " + Lab("NETBIOS"));
+    EXPECT_THAT(plugin_.MachineDn(), StartsWith("CN=HOST1,CN=Computers,DC="));
+    EXPECT_EQ(State(), TrustStateGood);
+
+    struct stat information;
+    ASSERT_EQ(stat(keytabFile, &information), 0);
+    EXPECT_EQ(information.st_mode & 07777, 0600u);
+    ASSERT_EQ(stat(stateFile, &information), 0);
+    EXPECT_EQ(information.st_mode & 07777, 0600u);
+}
+
+TEST_F(AdldapTest, JoiningAgainRenewsTheKey) {
+    ASSERT_EQ(JoinAsAdmin(), 0u);
+    const std::string before = Content(keytabFile);
+    ASSERT_EQ(JoinAsAdmin(), 0u);
+    EXPECT_NE(Content(keytabFile), before);
+    EXPECT_EQ(State(), TrustStateGood);
+}
+
+TEST_F(AdldapTest, JoinTakesAllFormsOfNames) {
+    for (const std::string& user : {admin_ + "@" + domain_, Lab("NETBIOS") + "\\" + admin_}) {
+        EXPECT_EQ(plugin_.Join("CORP.example.", "", user, password_), 0u) << user;
+        EXPECT_EQ(plugin_.ActiveDomain(), domain_ + " " + Lab("NETBIOS"));
+    }
+}
+
+TEST_F(AdldapTest, DelegatedUserJoinsIntoTheUnitOnly) {
+    EXPECT_EQ(plugin_.Join(domain_, "", "joiner", userPassword_), 5u);
+    ASSERT_EQ(plugin_.Join(domain_, "Servers/Hosts", "joiner", userPassword_), 0u);
+    EXPECT_THAT(plugin_.MachineDn(), StartsWith("CN=HOST1,OU=Hosts,OU=Servers,DC="));
+    EXPECT_EQ(State(), TrustStateGood);
+
+    EXPECT_EQ(plugin_.LeaveAs("alice", userPassword_), 5u);
+    EXPECT_EQ(State(), TrustStateGood) << "who may not remove the account may not leave";
+    EXPECT_EQ(plugin_.LeaveAs("joiner", userPassword_), 0u);
+    EXPECT_EQ(State(), TrustStateNotJoined);
+}
+
+struct Refusal {
+    const char* what;
+    const char* domain; // null: the lab's
+    const char* unit;
+    const char* user;     // null: the administrator
+    const char* password; // null: the right one
+    std::uint32_t status;
+};
+
+TEST_F(AdldapTest, RefusedJoinTellsWhyAndLeavesNothing) {
+    constexpr Refusal refusals[] = {
+        {"wrong password", nullptr, "", nullptr, "wrong", 86},
+        {"unknown user", nullptr, "", "nobody", nullptr, 1317},
+        {"disabled user", nullptr, "", "dave", nullptr, 1331},
+        {"locked user", nullptr, "", "lena", nullptr, 1331},
+        {"expired user", nullptr, "", "frank", nullptr, 1331},
+        {"password to be changed", nullptr, "", "erin", nullptr, 1330},
+        {"user without rights", nullptr, "", "alice", nullptr, 5},
+        {"no such unit", nullptr, "Nowhere", nullptr, nullptr, 267},
+        {"no such unit by its name", nullptr, "OU=Nowhere", nullptr, nullptr, 267},
+        {"no such domain", "nosuch.example", "", nullptr, nullptr, 1355},
+        {"malformed domain", "bad domain", "", nullptr, nullptr, 1212},
+        {"malformed user", nullptr, "", "a/b", nullptr, 1315},
+    };
+    for (const Refusal& refusal : refusals) {
+        const std::string right = refusal.user ? userPassword_ : password_;
+        EXPECT_EQ(plugin_.Join(refusal.domain ? refusal.domain : domain_, refusal.unit,
+                               refusal.user ? refusal.user : admin_,
+                               refusal.password ? refusal.password : right),
+                  refusal.status)
+            << refusal.what;
+        EXPECT_FALSE(Exists(keytabFile)) << refusal.what;
+        EXPECT_FALSE(Exists(stateFile)) << refusal.what;
+    }
+}
+
+TEST_F(AdldapTest, SecondDomainIsRefused) {
+    ASSERT_EQ(JoinAsAdmin(), 0u);
+    EXPECT_EQ(plugin_.Join(Lab("DOMAIN2"), "", Lab("ADMIN2"), Lab("PASSWORD2")), 2691u);
+    EXPECT_EQ(State(), TrustStateGood);
+}
+
+TEST_F(AdldapTest, JoinedHostKnowsItsDomainsTrusts) {
+    ASSERT_EQ(JoinAsAdmin(), 0u);
+    EXPECT_THAT(plugin_.Trusted(), ElementsAre(Lab("DOMAIN2") + " " + Lab("NETBIOS2")));
+    EXPECT_EQ(With(Lab("DOMAIN2")), TrustRelationshipTwoWay);
+    EXPECT_EQ(With(Lab("NETBIOS2")), TrustRelationshipTwoWay);
+    EXPECT_EQ(With(domain_), TrustRelationshipJoinedDomain);
+    EXPECT_EQ(With("nosuch.example"), TrustRelationshipNone);
+    EXPECT_EQ(plugin_.Controller(nullptr, Lab("DOMAIN2")), "dc2." + Lab("DOMAIN2"));
+    EXPECT_EQ(plugin_.Controller(nullptr, Lab("NETBIOS")), "dc1." + domain_);
+}
+
+TEST_F(AdldapTest, AccountsFateIsTold) {
+    ASSERT_EQ(JoinAsAdmin(), 0u);
+    RunLab("on dc1 samba-tool user disable 'HOST1$' > /dev/null");
+    EXPECT_EQ(State(), TrustStateAccountDisabled);
+    RunLab("on dc1 samba-tool user enable 'HOST1$' > /dev/null");
+    EXPECT_EQ(State(), TrustStateGood);
+    RunLab("on dc1 samba-tool user setpassword 'HOST1$' --newpassword=An0ther.one > /dev/null");
+    EXPECT_EQ(State(), TrustStateKeyRejected);
+    plugin_.Trusted(1786);
+    RunLab("on dc1 samba-tool computer delete HOST1 > /dev/null");
+    EXPECT_EQ(State(), TrustStateAccountMissing);
+    plugin_.Trusted(1787);
+    EXPECT_EQ(JoinAsAdmin(), 0u) << "a plain join puts it right";
+    EXPECT_EQ(State(), TrustStateGood);
+}
+
+TEST_F(AdldapTest, OtherKeysOfTheHostStay) {
+    ASSERT_EQ(std::system("printf 'add_entry -password -p nfs/x@OTHER -k 3 -e aes256-cts\\npw\\n"
+                          "wkt /etc/krb5.keytab\\nq\\n' | ktutil > /dev/null"),
+              0);
+    const std::string before = Content(keytabFile);
+    ASSERT_EQ(JoinAsAdmin(), 0u);
+    EXPECT_THAT(Content(keytabFile), HasSubstr("OTHER"));
+    EXPECT_THAT(Content(keytabFile), HasSubstr("HOST1$"));
+    ASSERT_EQ(plugin_.LeaveAs(admin_, password_), 0u);
+    EXPECT_EQ(Content(keytabFile), before);
+    std::remove(keytabFile);
+}
+
+TEST_F(AdldapTest, KeytabThatCannotBeReadIsNotReplaced) {
+    std::ofstream(keytabFile) << "not a keytab";
+    EXPECT_EQ(JoinAsAdmin(), 1359u);
+    EXPECT_EQ(Content(keytabFile), "not a keytab");
+    std::remove(keytabFile);
+}
+
+TEST_F(AdldapTest, PreferredControllersAreKeptAndAskedFirst) {
+    EXPECT_THAT(plugin_.Preferred(), IsEmpty());
+    const std::vector<std::string> controllers{"dc9." + domain_, Lab("DC1_ADDRESS")};
+    ASSERT_EQ(plugin_.SetPreferred(controllers), 0u);
+    EXPECT_EQ(plugin_.Preferred(), controllers);
+    EXPECT_EQ(plugin_.SetPreferred({"no name"}), 87u);
+    EXPECT_EQ(plugin_.Preferred(), controllers);
+    EXPECT_EQ(JoinAsAdmin(), 0u) << "one that does not exist does no harm";
+    // One of another domain is passed over.
+    ASSERT_EQ(plugin_.SetPreferred({Lab("DC2_ADDRESS")}), 0u);
+    EXPECT_EQ(plugin_.Controller(nullptr, domain_), "dc1." + domain_);
+    ASSERT_EQ(plugin_.SetPreferred({}), 0u);
+    EXPECT_THAT(plugin_.Preferred(), IsEmpty());
+}
+
+TEST_F(AdldapTest, FrozenControllerHoldsNoCallForLong) {
+    ASSERT_EQ(JoinAsAdmin(), 0u);
+    // Its name server is frozen as well; by its address the controller is found all the same.
+    ASSERT_EQ(plugin_.SetPreferred({Lab("DC1_ADDRESS")}), 0u);
+    RunLab("freeze dc1");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(State(), TrustStateNoController);
+    plugin_.Trusted(10060);
+    EXPECT_EQ(plugin_.Controller(nullptr, domain_), "status 10060");
+    EXPECT_EQ(JoinAsAdmin(), 10060u);
+    EXPECT_EQ(plugin_.ActiveDomain(), domain_ + " " + Lab("NETBIOS"));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 60s) << "four calls of at most 15 seconds";
+    RunLab("thaw dc1");
+    EXPECT_EQ(State(), TrustStateGood);
+}
+
+TEST_F(AdldapTest, HostLeavesWithoutItsController) {
+    ASSERT_EQ(JoinAsAdmin(), 0u);
+    ASSERT_EQ(plugin_.SetPreferred({Lab("DC1_ADDRESS")}), 0u);
+    RunLab("freeze dc1");
+    EXPECT_EQ(plugin_.Leave(), 0u);
+    RunLab("thaw dc1");
+    EXPECT_EQ(plugin_.ActiveDomain(), "(null) (null)");
+    EXPECT_FALSE(Exists(keytabFile));
+    EXPECT_EQ(JoinAsAdmin(), 0u) << "the account that was left behind is taken over";
+}
+
+TEST_F(AdldapTest, ManyThreadsAskAtOnce) {
+    ASSERT_EQ(JoinAsAdmin(), 0u);
+    std::atomic<int> good{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i)
+        threads.emplace_back([&] {
+            for (int round = 0; round < 5; ++round)
+                good += State() == TrustStateGood && plugin_.Trusted().size() == 1 &&
+                        With(Lab("DOMAIN2")) == TrustRelationshipTwoWay;
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(good, 40);
+}
+
+TEST_F(AdldapTest, JoinsAtOnceRunOneAfterTheOther) {
+    std::atomic<int> good{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([&] { good += JoinAsAdmin() == 0; });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(good, 4);
+    EXPECT_EQ(State(), TrustStateGood);
+}
+
+} // namespace
