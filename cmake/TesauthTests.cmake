@@ -39,6 +39,7 @@ set(TESAUTH_TEST_ENVIRONMENT
     TESAUTH_LAB=${TESAUTH_LAB}
     TESAUTH_SOURCE_DIR=${PROJECT_SOURCE_DIR}
     TESAUTH_BINARY_DIR=${PROJECT_BINARY_DIR}
+    CMAKE_GENERATOR=${CMAKE_GENERATOR} # for tests that build something
     ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1:strict_string_checks=1
     UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
     TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1)

@@ -49,7 +49,7 @@ END
             ip link add "$name" type veth peer name eth0 netns "$name" \
                 address "$(hardware_of "$name")" &&
             ip link set "$name" master lan up &&
-            ip -netns "$name" -batch - <<END || return
+            nsenter "--net=/run/netns/$name" ip -batch - <<END || return
 link set lo up
 link set eth0 up
 address add $(address_of "$name")/24 dev eth0
@@ -125,7 +125,7 @@ enter() { # NAME COMMAND...
     local name=$1
     shift
     TESAUTH_LAB_MACHINE=$name TMPDIR=/run/tmp PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin \
-        nsenter --target "$(<"$dir/machines/$name")" --mount --uts --ipc --net --pid --root \
+        nsenter --target "$(<"$dir/machines/$name")" --mount --uts --ipc --net --pid --root --wd \
         sh -c 'cd "$1" 2>/dev/null || cd /; shift; exec "$@"' sh "$PWD" "$@"
 }
 

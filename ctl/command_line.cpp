@@ -1,0 +1,159 @@
+#include "command_line.h"
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+namespace ctl {
+
+namespace {
+
+constexpr const char* exitCodes = "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 not permitted";
+
+constexpr int longestTimeoutSeconds = 86400;
+
+const Verb verbs[] = {
+    {"store", "list", "List the stores; a star marks the active one", "tesauthctl store list",
+     false, ListStores},
+    {"store", "show", "Print the name of the active store", "tesauthctl store show", false,
+     ShowStore},
+    {"store", "activate", "Make a store the host's active one",
+     "tesauthctl store activate \"Active Directory\"", true, ActivateStore},
+    {nullptr, "join", "Join this host to a domain",
+     "tesauthctl join corp.example/Servers/Hosts -U Administrator", true, Join},
+    {nullptr, "leave", "Leave the domain; with a user's credentials its account is removed too",
+     "tesauthctl leave -U Administrator", true, Leave},
+    {nullptr, "status", "Show what this host is joined to and how well that works",
+     "tesauthctl status --timeout 2", false, ShowStatus},
+    {nullptr, "trusts", "List the domains that the joined domain trusts", "tesauthctl trusts",
+     false, ListTrustedDomains},
+    {nullptr, "trust", "Show how the joined domain trusts another one",
+     "tesauthctl trust lab.example", false, ShowTrust},
+    {nullptr, "dc", "Find a domain controller of a domain", "tesauthctl dc corp.example", false,
+     FindDomainController},
+    {"option", "get", "Print an advanced option of this host",
+     "tesauthctl option get UserVars.ActiveDirectoryVerifyAPXCertificate", false, GetOption},
+    {"option", "set", "Set an advanced option of this host",
+     "tesauthctl option set UserVars.ActiveDirectoryVerifyAPXCertificate 1", true, SetOption},
+};
+
+struct Group {
+    const char* name;
+    const char* description;
+};
+
+constexpr Group groups[] = {
+    {"store", "Which accounts this host authenticates"},
+    {"option", "Advanced options of this host"},
+};
+
+const CLI::Validator
+    notEmpty([](std::string& text) { return text.empty() ? std::string("must not be empty") : ""; },
+             "TEXT", "not empty");
+
+void AddDomain(CLI::App& app, Arguments& arguments, const char* name, const char* description) {
+    app.add_option(name, arguments.domain, description)->required()->check(notEmpty);
+}
+
+void AddTimeout(CLI::App& app, Arguments& arguments) {
+    app.add_option("--timeout", arguments.timeoutSeconds, "Seconds to wait for the directory")
+        ->check(CLI::Range(1, longestTimeoutSeconds))
+        ->capture_default_str();
+}
+
+CLI::Option* AddUser(CLI::App& app, Arguments& arguments) {
+    auto* user =
+        app.add_option(
+               "-U,--user", arguments.user,
+               "User of the directory who does this. Unless told otherwise, the password is "
+               "asked for at the terminal")
+            ->check(notEmpty);
+    auto* fromInput = app.add_flag("--password-stdin", arguments.password.standardInput,
+                                   "Take the first line of standard input as the password")
+                          ->needs(user);
+    app.add_option("--password-file", arguments.password.file,
+                   "Take the first line of this file as the password")
+        ->check(notEmpty)
+        ->needs(user)
+        ->excludes(fromInput);
+    return user;
+}
+
+void AddName(CLI::App& app, Arguments& arguments, const char* name, const char* description) {
+    app.add_option(name, arguments.name, description)->required();
+}
+
+/// What each verb takes beyond --json.
+void AddArguments(const Verb& verb, CLI::App& app, Arguments& arguments) {
+    if (verb.run == ActivateStore) {
+        AddName(app, arguments, "NAME", "Name of the store, see `store list`");
+    } else if (verb.run == Join) {
+        AddDomain(app, arguments, "DOMAIN[/UNIT]",
+                  "Domain, and organisational unit for the machine account, from the top");
+        AddUser(app, arguments)->required();
+        app.add_flag("--skip-hostname-check", arguments.skipHostnameCheck,
+                     "Neither check nor complete the host's name first");
+    } else if (verb.run == Leave) {
+        AddUser(app, arguments);
+    } else if (verb.run == ShowStatus || verb.run == ListTrustedDomains) {
+        AddTimeout(app, arguments);
+    } else if (verb.run == ShowTrust || verb.run == FindDomainController) {
+        AddDomain(app, arguments, "DOMAIN", "DNS name of the domain");
+        AddTimeout(app, arguments);
+    } else if (verb.run == GetOption || verb.run == SetOption) {
+        AddName(app, arguments, "NAME", "Name of the option, dots between its levels");
+    }
+    if (verb.run == SetOption) {
+        app.add_option("VALUE", arguments.value, "New value")->required();
+    }
+}
+
+void AddVerb(const Verb& verb, CLI::App& parent, CommandLine& line) {
+    CLI::App* app = parent.add_subcommand(verb.name, verb.description);
+    AddArguments(verb, *app, line.arguments);
+    app->add_flag("--json", line.arguments.json, "Answer in JSON");
+    app->footer(std::string("Example: ") + verb.example + "\n" + exitCodes);
+    app->callback([&verb, &line] { line.verb = &verb; });
+}
+
+/// Writes why the command line was refused. Words that nobody expected are told only if they are
+/// options: one of the others may be a password that does not belong here.
+ExitCode Refuse(const CLI::App& app, const CLI::ParseError& error) {
+    if (dynamic_cast<const CLI::ExtrasError*>(&error) == nullptr) {
+        return app.exit(error) == 0 ? ExitCode::Done : ExitCode::WrongUsage;
+    }
+    std::string options;
+    for (const std::string& word : app.remaining(true)) {
+        if (word.rfind('-', 0) == 0) {
+            options += " " + word.substr(0, word.find('='));
+        }
+    }
+    std::cerr << (options.empty() ? "Too many arguments" : "No such option:" + options)
+              << "\nRun with --help for more information.\n";
+    return ExitCode::WrongUsage;
+}
+
+} // namespace
+
+CommandLine ParseCommandLine(int argc, char** argv) {
+    CommandLine line;
+    CLI::App app("Configures how this host authenticates users against a directory", "tesauthctl");
+    app.set_version_flag("--version", "tesauthctl " TESAUTHCTL_VERSION);
+    app.require_subcommand(1);
+    app.footer(std::string("Each verb has its own --help.\nExample: tesauthctl status\n") +
+               exitCodes);
+    for (const Group& group : groups) {
+        app.add_subcommand(group.name, group.description)->require_subcommand(1)->footer(exitCodes);
+    }
+    for (const Verb& verb : verbs) {
+        AddVerb(verb, verb.group == nullptr ? app : *app.get_subcommand(verb.group), line);
+    }
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        line.verb = nullptr;
+        line.exitCode = Refuse(app, error);
+    }
+    return line;
+}
+
+} // namespace ctl

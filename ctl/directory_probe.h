@@ -1,0 +1,52 @@
+/// Asks the directory, and tells a live answer from none.
+#ifndef TESAUTHCTL_DIRECTORY_PROBE_H
+#define TESAUTHCTL_DIRECTORY_PROBE_H
+
+#include <chrono>
+#include <deque>
+#include <memory>
+#include <string>
+
+#include "tesauth/active_directory_store.h"
+
+namespace ctl {
+
+/// The host's store with one deadline for everything that is asked of it. The store's own queries
+/// fill a missing answer from a cache, which in a process that has just started is empty; here the
+/// caller learns that there is no answer.
+///
+/// Ask... starts a question and returns at once; all questions run side by side. Await waits for
+/// one of them. What the directory answered is then read from the getters. A question that nobody
+/// waits for any more runs on until the process ends, so leave with _exit.
+class DirectoryProbe : private tessary::authentication::ActiveDirectoryStore {
+public:
+    using Request = std::shared_ptr<tessary::authentication::RequestState>;
+
+    /// The time begins now. Throws InvalidActiveDirectoryProviderException.
+    explicit DirectoryProbe(std::chrono::seconds limit);
+
+    Request AskConfiguration() const;
+    Request AskTrustedDomains() const;
+    Request AskTrustState() const;
+    Request AskTrustRelationship(const std::string& domain) const;
+    /// `name` receives the controller's name.
+    Request AskDomainController(const std::string& domain,
+                                const std::shared_ptr<std::string>& name) const;
+
+    /// Waits for an answer until the deadline. Throws ProviderCallTimedOutException when it passes
+    /// first, and what the directory failed with.
+    void Await(const Request& request) const;
+
+    tessary::authentication::ActiveDirectoryStoreConfiguration Configuration() const;
+    std::deque<tessary::authentication::Domain> TrustedDomains() const;
+    TrustState State() const;
+    TrustRelationship RelationshipTo(const std::string& domain) const;
+
+private:
+    std::chrono::seconds limit_;
+    std::chrono::steady_clock::time_point deadline_;
+};
+
+} // namespace ctl
+
+#endif

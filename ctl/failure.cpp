@@ -1,0 +1,133 @@
+#include "failure.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "hostctl/host.h"
+#include "orvcfg/config_store.h"
+#include "tesauth/exceptions.h"
+
+namespace ctl {
+
+namespace auth = tessary::authentication;
+
+namespace {
+
+template <typename T>
+bool Is(const std::exception& failure) {
+    return dynamic_cast<const T*>(&failure) != nullptr;
+}
+
+struct Hint {
+    bool (*fits)(const std::exception& failure);
+    const char* text;
+};
+
+const Hint hints[] = {
+    {Is<auth::FileNotFoundException>, "is the host joined to a domain? `tesauthctl status` tells"},
+    {Is<auth::AccessDeniedException>,
+     "the account lacks the right to do this in the directory; name an account that has it, or an "
+     "organisational unit in which it has it (DOMAIN/UNIT)"},
+    {Is<auth::InvalidPasswordException>,
+     "the user name is known, the password is wrong: try again"},
+    {Is<auth::LogonFailureException>, "check the user name and the password"},
+    {Is<auth::NoSuchUserException>, "check the user name, and that it is a user of this domain"},
+    {Is<auth::InvalidAccountNameException>, "write the user name as NAME or NAME@DOMAIN"},
+    {Is<auth::PasswordExpiredException>, "change the user's password first, then try again"},
+    {Is<auth::AccountDisabledException>,
+     "the user is disabled, locked or expired; name another one or have it enabled"},
+    {Is<auth::TimeSkewException>,
+     "set this host's clock, for instance from the domain controllers' "
+     "time service; they accept five minutes of difference"},
+    {Is<auth::NoSuchDomainException>,
+     "check the name, and that the name servers in /etc/resolv.conf know the domain"},
+    {Is<auth::InvalidDomainNameException>, "write the domain by its DNS name, as corp.example"},
+    {Is<auth::NoLogonServersException>,
+     "no domain controller answered: check the network and the name servers in /etc/resolv.conf"},
+    {Is<auth::ConnectionRefusedException>,
+     "the domain controller's host answers, its directory service does not: is it running?"},
+    {Is<auth::WSATimedOutException>,
+     "the domain controllers don't answer: check the network and any firewall on the way"},
+    {Is<auth::DirectoryException>,
+     "check the organisational unit; levels are written from the top: DOMAIN/SERVERS/HOSTS"},
+    {Is<auth::InvalidComputerNameException>,
+     "this host's name cannot be a machine account's: give it another one"},
+    {Is<auth::SetupAlreadyJoinedException>, "leave that domain first: tesauthctl leave"},
+    {Is<auth::NoTrustSAMAccountException>, "join the host again"},
+    {Is<auth::NoTrustLSASecretException>, "join the host again"},
+    {Is<auth::InvalidHostNameException>,
+     "give the host a name of its own and a line in /etc/hosts: ADDRESS NAME.DOMAIN NAME"},
+    {Is<auth::InvalidActiveDirectoryProviderException>,
+     "check the key \"provider\" in /etc/tessary/tesauth/provider.conf"},
+    {Is<auth::ProviderCallTimedOutException>,
+     "is a domain controller running? a longer --timeout waits longer"},
+    {Is<OrvConfigStore::ConfigStoreException>,
+     "check that /var/lib/tessary can be written and that its file system is not full"},
+};
+
+const char* HintFor(const std::exception& failure) {
+    for (const Hint& hint : hints) {
+        if (hint.fits(failure)) {
+            return hint.text;
+        }
+    }
+    return "";
+}
+
+bool MayNot(const char* path, int mode) {
+    return faccessat(AT_FDCWD, path, mode, AT_EACCESS) != 0 && (errno == EACCES || errno == EPERM);
+}
+
+/// Whether a failure to use the host's own files comes from the caller's rights. The exceptions
+/// don't carry the cause, so it is looked up where it shows.
+bool ComesFromFileRights(const std::exception& failure) {
+    if (Is<OrvConfigStore::ConfigStoreException>(failure) ||
+        Is<HostCtl::Lib::HostCtlException>(failure)) {
+        constexpr const char* store = "/var/lib/tessary/configstore.db";
+        return MayNot(store, R_OK | W_OK) ||
+               (access(store, F_OK) != 0 && errno == ENOENT && MayNot("/var/lib", W_OK));
+    }
+    if (Is<auth::IOError>(failure) || Is<auth::FilePermissionError>(failure) ||
+        Is<auth::InvalidActiveDirectoryProviderException>(failure)) {
+        return MayNot("/etc/tessary/tesauth/authentication.conf", R_OK) ||
+               MayNot("/etc/tessary/tesauth/provider.conf", R_OK);
+    }
+    return false;
+}
+
+ExitCode ExitCodeFor(const std::exception& failure) {
+    if (Is<UsageError>(failure)) {
+        return ExitCode::WrongUsage;
+    }
+    return Is<NotPermittedError>(failure) || ComesFromFileRights(failure) ? ExitCode::NotPermitted
+                                                                          : ExitCode::Failed;
+}
+
+Failure Describe(const std::exception& failure) {
+    Failure told = {ExitCodeFor(failure), failure.what(), 0, HintFor(failure)};
+    if (const auto* numbered = dynamic_cast<const auth::Exception*>(&failure)) {
+        told.code = numbered->GetCode();
+    }
+    if (const auto* hinted = dynamic_cast<const HintedError*>(&failure)) {
+        told.hint = hinted->Hint();
+    }
+    if (told.exitCode == ExitCode::NotPermitted) {
+        told.hint = "try again as root";
+    }
+    return told;
+}
+
+} // namespace
+
+Failure DescribeFailure(const std::exception_ptr& thrown) {
+    try {
+        std::rethrow_exception(thrown);
+    } catch (const std::exception& failure) {
+        return Describe(failure);
+    } catch (...) {
+        return {ExitCode::Failed, "a failure of unknown kind", 0, ""};
+    }
+}
+
+} // namespace ctl

@@ -1,0 +1,90 @@
+#include "output.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace ctl {
+
+namespace {
+
+/// Names come from the directory; a terminal obeys some of what could stand in them.
+std::string Harmless(std::string text) {
+    for (char& c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if ((byte < 0x20 && c != '\n') || byte == 0x7f) {
+            c = '?';
+        }
+    }
+    return text;
+}
+
+bool WriteLine(std::FILE* stream, const std::string& line) {
+    const bool written = std::fputs((line + "\n").c_str(), stream) >= 0;
+    return std::fflush(stream) == 0 && written;
+}
+
+/// Names are bytes to us; those that are no UTF-8 must not keep the rest from being told.
+std::string Dump(const Json& json) {
+    return json.dump(2, ' ', false, Json::error_handler_t::replace);
+}
+
+ExitCode WriteAnswer(const std::string& answer) {
+    if (WriteLine(stdout, answer)) {
+        return ExitCode::Done;
+    }
+    Notify("cannot write the answer to standard output");
+    return ExitCode::Failed;
+}
+
+void Complain(const Failure& failure) {
+    Notify(failure.text);
+    if (!failure.hint.empty()) {
+        WriteLine(stderr, Harmless("hint: " + failure.hint));
+    }
+}
+
+} // namespace
+
+void Table::Add(const std::string& label, const std::string& value) {
+    rows_.emplace_back(label, value);
+}
+
+std::string Table::Text() const {
+    std::size_t width = 0;
+    for (const auto& [label, value] : rows_) {
+        width = std::max(width, label.size());
+    }
+    std::string text;
+    for (const auto& [label, value] : rows_) {
+        text +=
+            (text.empty() ? "" : "\n") + label + std::string(width + 2 - label.size(), ' ') + value;
+    }
+    return text;
+}
+
+Json ToJson(const Failure& failure) {
+    return {{"text", failure.text}, {"code", failure.code}};
+}
+
+ExitCode Tell(const Answer& answer, bool asJson) {
+    const ExitCode written = WriteAnswer(asJson ? Dump(answer.json) : Harmless(answer.text));
+    if (!answer.failure) {
+        return written;
+    }
+    Complain(*answer.failure);
+    return answer.failure->exitCode;
+}
+
+ExitCode Tell(const Failure& failure, bool asJson) {
+    Complain(failure);
+    if (asJson && failure.exitCode != ExitCode::WrongUsage) {
+        WriteAnswer(Dump({{"error", ToJson(failure)}}));
+    }
+    return failure.exitCode;
+}
+
+void Notify(const std::string& line) {
+    WriteLine(stderr, Harmless("tesauthctl: " + line));
+}
+
+} // namespace ctl

@@ -1,0 +1,37 @@
+/// Writes answers and failures.
+#ifndef TESAUTHCTL_OUTPUT_H
+#define TESAUTHCTL_OUTPUT_H
+
+#include <string>
+
+#include "answer.h"
+
+namespace ctl {
+
+/// The two columns of a text answer.
+class Table {
+public:
+    void Add(const std::string& label, const std::string& value);
+    std::string Text() const;
+
+private:
+    std::vector<std::pair<std::string, std::string>> rows_;
+};
+
+/// The failure as {"text": ..., "code": ...}.
+Json ToJson(const Failure& failure);
+
+/// Writes the answer to standard output, and its failure, if it has one, to standard error.
+/// Returns the exit code; it is ExitCode::Failed when the answer could not be written.
+ExitCode Tell(const Answer& answer, bool asJson);
+
+/// Writes a failure and its hint to standard error, and as JSON to standard output when asked to.
+/// Wrong usage is told in text only: a command line that makes no sense may not have asked at all.
+ExitCode Tell(const Failure& failure, bool asJson);
+
+/// Writes a line to standard error.
+void Notify(const std::string& line);
+
+} // namespace ctl
+
+#endif

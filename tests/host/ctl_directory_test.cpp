@@ -1,0 +1,119 @@
+#include <sys/stat.h>
+
+#include "ctl_host.h"
+
+namespace ctl_test {
+namespace {
+
+using DirectoryTest = CtlTest;
+
+TEST_F(DirectoryTest, ListsTrustedDomains) {
+    Script("getTrustedDomains.items=lab.example:LAB,dev.example:DEV\n");
+    const Result text = Ctl({"trusts"});
+    EXPECT_EQ(text.status, 0);
+    EXPECT_EQ(text.out, "lab.example  LAB\ndev.example  DEV\n");
+    EXPECT_EQ(JsonOf(Ctl({"trusts", "--json"})), Json::parse(R"({"trustedDomains": [
+        {"dnsName": "lab.example", "netbiosName": "LAB"},
+        {"dnsName": "dev.example", "netbiosName": "DEV"}], "live": true})"));
+}
+
+TEST_F(DirectoryTest, NoTrustedDomainsAreAnEmptyList) {
+    Script("getTrustedDomains.missing=1\n");
+    EXPECT_EQ(JsonOf(Ctl({"trusts", "--json"}))["trustedDomains"], Json::array());
+}
+
+TEST_F(DirectoryTest, EveryTrustRelationshipHasItsName) {
+    const char* const names[] = {"not implemented", "inbound",       "outbound",
+                                 "two-way",         "within forest", "joined domain",
+                                 "unknown",         "none",          "relationship 8"};
+    for (int number = 0; number < 9; ++number) {
+        Script("getDomainTrustRelationship.value=" + std::to_string(number) + "\n");
+        const std::string name = names[number];
+        EXPECT_EQ(Ctl({"trust", "lab.example"}).out, name + "\n");
+        EXPECT_EQ(JsonOf(Ctl({"trust", "lab.example", "--json"})),
+                  Json({{"domain", "lab.example"},
+                        {"relationship", {{"value", number}, {"name", name}}},
+                        {"live", true}}));
+    }
+    EXPECT_NE(Calls("getDomainTrustRelationship").find("|lab.example\n"), std::string::npos);
+}
+
+TEST_F(DirectoryTest, FindsADomainController) {
+    Script("getAnyDomainController.text=dc7.lab.example\n");
+    EXPECT_EQ(Ctl({"dc", "lab.example"}).out, "dc7.lab.example\n");
+    EXPECT_EQ(JsonOf(Ctl({"dc", "lab.example", "--json"})),
+              Json::parse(R"({"domain": "lab.example", "domainController": "dc7.lab.example",
+                              "live": true})"));
+    EXPECT_EQ(Calls("getAnyDomainController"), "getAnyDomainController|(null)|lab.example\n"
+                                               "getAnyDomainController|(null)|lab.example\n");
+}
+
+TEST_F(DirectoryTest, NobodyMayAskToo) {
+    const Result result = Ctl({"dc", "lab.example"}, {.asNobody = true});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, "dc1.corp.example\n");
+}
+
+struct Question {
+    Words words;
+    const char* operation;
+};
+
+class QuestionTest : public CtlTest, public testing::WithParamInterface<Question> {
+protected:
+    static Result Ask() {
+        Words words = GetParam().words;
+        words.insert(words.end(), {"--json", "--timeout", "1"});
+        return Ctl(words);
+    }
+};
+
+TEST_P(QuestionTest, NoAnswerInTimeIsAFailure) {
+    Script(std::string(GetParam().operation) + ".hang=1\n");
+    const Result result = Ask();
+    ExpectFailure(result, 1, "tesauthctl: no answer within 1 s\nhint: ");
+    EXPECT_EQ(Json::parse(result.out),
+              Json::parse(R"({"error": {"text": "no answer within 1 s", "code": 0}})"));
+}
+
+TEST_P(QuestionTest, WithoutAProviderFails) {
+    scripted::WriteFile(scripted::providerFile, "provider = \"nosuch\"\n");
+    ExpectFailure(Ask(), 1,
+                  "The specified Active Directory provider 'nosuch' is invalid\n"
+                  "hint: check the key \"provider\"");
+}
+
+TEST_P(QuestionTest, SettingsThatMayNotBeReadAreNotPermitted) {
+    ASSERT_EQ(chmod(scripted::providerFile, 0600), 0);
+    Words words = GetParam().words;
+    const Result result = Ctl(words, {.asNobody = true});
+    ExpectFailure(result, 3, "hint: try again as root");
+}
+
+INSTANTIATE_TEST_SUITE_P(Verbs, QuestionTest,
+                         testing::Values(Question{{"trusts"}, "getTrustedDomains"},
+                                         Question{{"trust", "lab.example"},
+                                                  "getDomainTrustRelationship"},
+                                         Question{{"dc", "lab.example"}, "getAnyDomainController"}),
+                         [](const auto& instance) { return instance.param.words[0]; });
+
+TEST_F(DirectoryTest, FailuresAreToldWithNumberAndHint) {
+    Script("getAnyDomainController.status=1355\ngetTrustedDomains.status=2\n");
+    const Result controller = Ctl({"dc", "lab.example", "--json"});
+    const std::string text = "Exception 0x0000054b: The specified domain either does not exist or "
+                             "could not be contacted.";
+    ExpectFailure(controller, 1,
+                  "tesauthctl: " + text +
+                      "\nhint: check the name, and that the "
+                      "name servers in /etc/resolv.conf");
+    EXPECT_EQ(Json::parse(controller.out), Json({{"error", {{"text", text}, {"code", 1355}}}}));
+    ExpectFailure(Ctl({"trusts"}), 1, "hint: is the host joined to a domain?");
+}
+
+TEST_F(DirectoryTest, ADirectoryThatDeniesAccessIsAFailureLikeAnother) {
+    Script("getTrustedDomains.status=5\n");
+    ExpectFailure(Ctl({"trusts"}), 1, "Access is denied.");
+}
+
+} // namespace
+} // namespace ctl_test

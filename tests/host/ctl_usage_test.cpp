@@ -1,0 +1,88 @@
+#include <gmock/gmock.h>
+
+#include "ctl_host.h"
+
+namespace ctl_test {
+namespace {
+
+using UsageTest = CtlTest;
+
+class WrongUsageTest : public CtlTest, public testing::WithParamInterface<Words> {};
+
+TEST_P(WrongUsageTest, IsRefusedBeforeAnythingHappens) {
+    const Result result = Ctl(GetParam());
+    EXPECT_EQ(result.status, 2) << result.err;
+    EXPECT_EQ(result.out, "");
+    EXPECT_NE(result.err, "");
+    EXPECT_EQ(Calls("joinDomain") + Calls("partDomain"), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lines, WrongUsageTest,
+    testing::Values(Words{}, Words{"flub"}, Words{"--flub"}, Words{"store"}, Words{"store", "flub"},
+                    Words{"store", "activate"}, Words{"store", "list", "None"}, Words{"join"},
+                    Words{"join", "corp.example"}, Words{"join", "-U", "bob"},
+                    Words{"join", "", "-U", "bob"}, Words{"join", "corp.example", "-U", ""},
+                    Words{"join", "/Servers", "-U", "bob", "--password-stdin"},
+                    Words{"join", "corp.example", "-U", "bob", "--password", "secret"},
+                    Words{"join", "corp.example", "-U", "bob", "secret"},
+                    Words{"join", "corp.example", "-U", "bob"}, // no terminal, no password
+                    Words{"join", "corp.example", "-U", "bob", "--json"},
+                    Words{"join", "corp.example", "-U", "bob", "--password-stdin",
+                          "--password-file", "/f"},
+                    Words{"join", "corp.example", "-U", "bob", "--password-file", ""},
+                    Words{"join", "corp.example", "-U", "bob", "--timeout", "3"},
+                    Words{"leave", "--password-stdin"}, Words{"leave", "--password-file", "/f"},
+                    Words{"leave", "-U", "bob"}, Words{"leave", "corp.example"},
+                    Words{"status", "x"}, Words{"status", "--timeout", "0"},
+                    Words{"status", "--timeout", "-1"}, Words{"status", "--timeout", "two"},
+                    Words{"status", "--timeout", "1.5"},
+                    Words{"status", "--timeout", "99999999999"}, Words{"status", "--timeout"},
+                    Words{"trust"}, Words{"trust", ""}, Words{"dc"}, Words{"trusts", "lab.example"},
+                    Words{"option"}, Words{"option", "get"}, Words{"option", "set", "UserVars.X"}));
+
+TEST_F(UsageTest, WordsThatMayBeAPasswordAreNotRepeated) {
+    for (const Words& words : {Words{"join", "corp.example", "-U", "bob", "--password", "secret"},
+                               Words{"join", "corp.example", "-U", "bob", "--password=secret"},
+                               Words{"join", "corp.example", "-U", "bob", "secret"}}) {
+        const Result result = Ctl(words);
+        EXPECT_EQ(result.status, 2);
+        EXPECT_EQ((result.out + result.err).find("secret"), std::string::npos) << result.err;
+    }
+}
+
+class HelpTest : public CtlTest, public testing::WithParamInterface<Words> {};
+
+TEST_P(HelpTest, TellsUsageAndExitCodes) {
+    Words words = GetParam();
+    words.push_back("--help");
+    const Result result = Ctl(words);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "");
+    EXPECT_NE(result.out.find("Usage: tesauthctl"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find("Exit codes: 0 done, 1 failed, 2 wrong usage, 3 not permitted"),
+              std::string::npos)
+        << result.out;
+}
+
+INSTANTIATE_TEST_SUITE_P(Verbs, HelpTest,
+                         testing::Values(Words{}, Words{"store"}, Words{"store", "list"},
+                                         Words{"store", "show"}, Words{"store", "activate"},
+                                         Words{"join"}, Words{"leave"}, Words{"status"},
+                                         Words{"trusts"}, Words{"trust"}, Words{"dc"},
+                                         Words{"option"}, Words{"option", "get"},
+                                         Words{"option", "set"}));
+
+TEST_F(UsageTest, VersionIsANumber) {
+    const Result result = Ctl({"--version"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.out, testing::MatchesRegex("tesauthctl [0-9]+\\.[0-9]+\\.[0-9]+\n"));
+}
+
+TEST_F(UsageTest, AnAnswerThatCannotBeWrittenIsAFailure) {
+    const Result result = Ctl({"store", "show"}, {.outputFile = "/dev/full"});
+    ExpectFailure(result, 1, "standard output");
+}
+
+} // namespace
+} // namespace ctl_test

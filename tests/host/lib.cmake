@@ -1,0 +1,63 @@
+# The scripted directory provider, and its variants that lack one of the two records.
+set(scripted_provider_sources
+  ${PROJECT_SOURCE_DIR}/tests/support/scripted_provider.c
+  ${PROJECT_SOURCE_DIR}/tests/support/scripted_records.c
+  ${PROJECT_SOURCE_DIR}/tests/support/scripted_rules.c)
+
+# Plug-ins define the same names, as the interface wants; the address sanitizer takes that for an
+# error when two of them are loaded.
+function(tesauth_side_by_side name)
+  if(TESAUTH_SANITIZE MATCHES address)
+    target_compile_options(${name} PRIVATE -fno-sanitize=address)
+  endif()
+endfunction()
+
+function(tesauth_scripted_provider name)
+  add_library(${name} MODULE ${scripted_provider_sources})
+  target_compile_definitions(${name} PRIVATE _GNU_SOURCE ${ARGN})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/include
+                             ${PROJECT_SOURCE_DIR}/tests/support)
+  target_link_libraries(${name} PRIVATE Threads::Threads)
+  tesauth_side_by_side(${name})
+  # Copies of it are loaded side by side under different names; none may use another's symbols.
+  target_link_options(${name} PRIVATE -Wl,-Bsymbolic)
+endfunction()
+
+tesauth_scripted_provider(scripted_provider)
+tesauth_scripted_provider(scripted_provider_without_metadata SCRIPTED_WITHOUT_METADATA)
+tesauth_scripted_provider(scripted_provider_without_operations SCRIPTED_WITHOUT_OPERATIONS)
+tesauth_scripted_provider(scripted_provider_unresolved SCRIPTED_UNRESOLVED)
+# One of its functions cannot be resolved, which matters only when that function is called.
+target_link_options(scripted_provider_unresolved PRIVATE -Wl,-z,undefs -Wl,-z,lazy)
+
+add_library(throwing_provider MODULE ${PROJECT_SOURCE_DIR}/tests/support/throwing_provider.cpp)
+tesauth_side_by_side(throwing_provider)
+target_include_directories(throwing_provider PRIVATE ${PROJECT_SOURCE_DIR}/include)
+
+tesauth_lib_test(lib_stores_test lib_stores_test.cpp)
+tesauth_lib_test(lib_provider_test lib_provider_loading_test.cpp lib_provider_operations_test.cpp)
+tesauth_lib_test(lib_config_store_test lib_config_store_test.cpp)
+tesauth_lib_test(lib_queries_test lib_queries_test.cpp lib_refresh_test.cpp)
+tesauth_lib_test(lib_membership_test lib_host_name_test.cpp lib_membership_test.cpp)
+tesauth_lib_test(lib_vtable_test lib_vtable_test.cpp)
+
+add_executable(lib_exit_program ${CMAKE_CURRENT_LIST_DIR}/lib_exit_program.cpp)
+target_link_libraries(lib_exit_program PRIVATE tesauth Threads::Threads)
+tesauth_host_test(lib_exit_test
+  SOURCES lib_exit_test.cpp ${PROJECT_SOURCE_DIR}/tests/support/scripted_host.cpp
+  LIBRARIES ${CMAKE_DL_LIBS}
+  LABELS slow TIMEOUT 180)
+tesauth_scripted_host(lib_exit_test)
+target_compile_definitions(lib_exit_test
+  PRIVATE LIB_EXIT_PROGRAM_FILE="$<TARGET_FILE:lib_exit_program>")
+add_dependencies(lib_exit_test lib_exit_program)
+
+tesauth_host_test(lib_stress_test
+  SOURCES lib_stress_test.cpp ${PROJECT_SOURCE_DIR}/tests/support/scripted_host.cpp
+  LIBRARIES tesauth ${CMAKE_DL_LIBS}
+  LABELS stress TIMEOUT 300)
+tesauth_scripted_host(lib_stress_test)
+
+tesauth_host_script(lib_headers_test SCRIPT lib_headers_test.sh LABELS slow TIMEOUT 180)
+# Instrumented libraries show more than ours.
+tesauth_host_script(lib_symbols_test SCRIPT lib_symbols_test.sh LABELS slow)
