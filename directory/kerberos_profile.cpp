@@ -105,7 +105,7 @@ krb5_context MakeKerberosContext(const std::string& realm) {
     if (code != 0)
         throw Error(code == ENOMEM ? Status::NotEnoughMemory : Status::InternalError,
                     "cannot set up Kerberos");
-    data.release(); // the profile's now
+    static_cast<void>(data.release()); // the profile's now
     const std::unique_ptr<std::remove_pointer_t<profile_t>, ProfileDeleter> owned(profile);
 
     krb5_context context = nullptr;

@@ -174,7 +174,7 @@ std::string OrganizationalUnitDn(const std::string& unit, const std::string& bas
         const std::size_t slash = std::min(rest.find('/'), rest.size());
         if (slash == 0)
             throw Error(Status::NoSuchContainer, "'" + unit + "' has an empty level");
-        dn = "OU=" + EscapeDnValue(std::string(rest.substr(0, slash))) + "," + dn;
+        dn.insert(0, "OU=" + EscapeDnValue(std::string(rest.substr(0, slash))) + ",");
         rest.remove_prefix(std::min(slash + 1, rest.size()));
     }
     return dn;

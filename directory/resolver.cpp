@@ -83,12 +83,18 @@ Resolver::~Resolver() {
 }
 
 bool Resolver::Query(const std::string& name, int type) {
+    queryError_ = TRY_AGAIN;
+    answer_.clear();
+    if (silent_)
+        return false;
     const Waiting waiting;
+    const Deadline firstTry = Deadline::In(std::chrono::seconds(state_.retrans));
     answer_.resize(largestAnswer);
     const int length = res_nquery(&state_, name.c_str(), ns_c_in, type, answer_.data(),
                                   static_cast<int>(answer_.size()));
     queryError_ = length < 0 ? state_.res_h_errno : 0;
     answer_.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
+    silent_ = queryError_ == TRY_AGAIN && firstTry.Passed();
     return length >= 0;
 }
 
@@ -147,6 +153,7 @@ std::vector<std::string> Resolver::ServiceHosts(const std::string& name) {
         first = last;
     }
     std::vector<std::string> hosts;
+    hosts.reserve(services.size());
     for (const Service& service : services)
         hosts.push_back(service.host);
     return hosts;

@@ -30,7 +30,8 @@ private:
 };
 
 /// Asks the name servers of the host's current resolver configuration. Gives up after 6 to 9
-/// seconds, by how many servers there are, when none answers. Use by one thread at a time.
+/// seconds, by how many servers there are, when none answers, and asks them nothing more then. Use
+/// by one thread at a time.
 class Resolver {
 public:
     /// \param deadline with less than six seconds left, servers get half the time
@@ -64,6 +65,7 @@ private:
     struct __res_state state_ {};
     std::vector<unsigned char> answer_;
     int queryError_ = 0;
+    bool silent_ = false; // the name servers let a question pass without an answer
     std::map<std::string, std::vector<SocketAddress>> known_; // by host name in lower case
 };
 

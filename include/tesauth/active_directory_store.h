@@ -80,8 +80,8 @@ public:
     /// checked and repaired first, see SanitiseHostnameForDomain.
     ///
     /// Throws InvalidCredentialsException for a missing user name or password, the provider's
-    /// failures, and OrvConfigStore::ConfigStoreException when the join cannot be recorded, after
-    /// leaving the domain again.
+    /// failures, OrvConfigStore::ConfigStoreException when the join cannot be recorded, after
+    /// leaving the domain again, and what SanitiseHostnameForDomain throws.
     void JoinDomain(const std::string& domainPath, const Credentials& credentials,
                     bool skipHostnameCheck);
 
@@ -95,7 +95,8 @@ public:
     /// had or resolved, differs from the first part of the name it resolves to, or is one of the
     /// names that every unconfigured host has. When the host is in another DNS domain this is
     /// logged, and the domain becomes a search domain if it resolves. Last, the hosts file gets an
-    /// entry for the management interface's address.
+    /// entry for the management interface's address. A host whose network settings cannot be read
+    /// or changed fails with HostCtl::Lib::HostCtlException.
     void SanitiseHostnameForDomain(const std::string& domain) const;
 
     /// Refreshes the whole cache; a value in `pcscdSvcPolicy` is stored with it. Never throws for

@@ -24,10 +24,6 @@ public:
     /// Reads the file. Throws IOError when it cannot be read and ConfigurationError, with the line
     /// number, for a line that is no assignment.
     explicit Configuration(const std::string& filename);
-    Configuration(const Configuration&);
-    Configuration(Configuration&&);
-    Configuration& operator=(const Configuration&);
-    Configuration& operator=(Configuration&&);
 
     /// Never writes.
     virtual ~Configuration();

@@ -72,10 +72,6 @@ Configuration::Configuration(const std::string& path) : filename(path) {
     }
 }
 
-Configuration::Configuration(const Configuration&) = default;
-Configuration::Configuration(Configuration&&) = default;
-Configuration& Configuration::operator=(const Configuration&) = default;
-Configuration& Configuration::operator=(Configuration&&) = default;
 Configuration::~Configuration() = default;
 
 void Configuration::Write() const {

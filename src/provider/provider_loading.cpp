@@ -25,7 +25,7 @@ std::string MissingSymbolText(void* handle) {
     if (const char* reason = dlerror()) {
         return reason;
     }
-    dlsym(handle, metadataSymbol);
+    static_cast<void>(dlsym(handle, metadataSymbol));
     return TextOrEmpty(dlerror());
 }
 

@@ -59,6 +59,20 @@ struct Late {
 
 Late late;
 
+/// The very last thing before the process is gone: all that is destroyed at exit has been
+/// destroyed, and the workers get a moment more with what is left.
+void Linger() {
+    usleep(3000);
+}
+
+/// Runs before any library is initialised, so that Linger() comes after whatever they do at exit.
+void RegisterLinger(int, char**, char**) {
+    std::atexit(Linger);
+}
+
+__attribute__((section(".preinit_array"),
+               used)) void (*const beforeLibraries)(int, char**, char**) = RegisterLinger;
+
 } // namespace
 
 int main(int, char** arguments) {

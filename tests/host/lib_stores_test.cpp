@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
+#include <typeinfo>
 
 #include "faults.h"
 #include "log_recorder.h"
@@ -21,6 +22,10 @@ const std::string adName = "Active Directory";
 
 AuthenticationStoreFactory* Current() {
     return Singleton<AuthenticationStoreFactory>::_instance;
+}
+
+const std::type_info& ClassOf(const AuthenticationStore& store) {
+    return typeid(store);
 }
 
 std::string ActiveName() {
@@ -79,11 +84,11 @@ TEST_F(FactoryTest, MakesStoresByExactName) {
     const auto none = factory.CreateInstance("None");
     ASSERT_NE(none, nullptr);
     EXPECT_EQ(none->GetDisplayName(), "None");
-    EXPECT_EQ(typeid(*none), typeid(NoRemoteAuthenticationStore));
+    EXPECT_EQ(ClassOf(*none), typeid(NoRemoteAuthenticationStore));
     const auto ad = factory.CreateInstance(adName);
     ASSERT_NE(ad, nullptr);
     EXPECT_EQ(ad->GetDisplayName(), adName);
-    EXPECT_EQ(typeid(*ad), typeid(ActiveDirectoryStore));
+    EXPECT_EQ(ClassOf(*ad), typeid(ActiveDirectoryStore));
     EXPECT_NE(factory.CreateInstance("None"), none) << "a new one each time";
     for (const char* name : {"none", "NONE", "None ", "", "active directory", "Foo"}) {
         EXPECT_EQ(factory.CreateInstance(name), nullptr) << name;

@@ -176,6 +176,7 @@ TEST_F(AtomicFileStreamTest, CommittingTwiceFails) {
     AtomicFileStream file(target.c_str(), std::ios_base::out);
     file << "text";
     file.Commit();
+    EXPECT_FALSE(file.is_open());
     const std::string text = TextOf<IOError>([&] { file.Commit(); });
     EXPECT_EQ(text.rfind("Unable to rename '", 0), 0u);
     EXPECT_EQ(ReadFile(target), "text");

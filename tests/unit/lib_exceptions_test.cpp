@@ -211,10 +211,11 @@ void ExpectCarriesItsTypeAround(const Row& row) {
     const std::unique_ptr<Exception> original = row.make();
     const std::unique_ptr<Exception> clone(original->Clone());
     ASSERT_NE(clone.get(), original.get());
+    const Exception& first = *original;
     for (const Exception* object : {original.get(), clone.get()}) {
         EXPECT_EQ(object->GetCode(), row.code);
         EXPECT_EQ(object->what(), row.text);
-        EXPECT_EQ(typeid(*object), typeid(*original));
+        EXPECT_EQ(typeid(*object), typeid(first));
         EXPECT_TRUE(row.catches([&] { object->Throw(); }));
         try {
             object->Throw();
