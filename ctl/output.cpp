@@ -67,7 +67,10 @@ Json ToJson(const Failure& failure) {
 }
 
 ExitCode Tell(const Answer& answer, bool asJson) {
-    const ExitCode written = WriteAnswer(asJson ? Dump(answer.json) : Harmless(answer.text));
+    ExitCode written = ExitCode::Done;
+    if (asJson || !answer.text.empty()) { // an empty list has no line
+        written = WriteAnswer(asJson ? Dump(answer.json) : Harmless(answer.text));
+    }
     if (!answer.failure) {
         return written;
     }

@@ -20,12 +20,15 @@ namespace auth = tessary::authentication;
 namespace {
 
 constexpr std::chrono::seconds reportInterval(5);
+constexpr std::chrono::seconds retryInterval(30);
+constexpr const char* retryHint =
+    "; a join that the directory refuses for the moment is tried 4 times, 30 s apart";
 
 /// For what joining and leaving ask on the side.
 constexpr int queryWaitSeconds = 10;
 
 /// Runs the work on a thread and, where a person is looking, says every now and then that it is
-/// still going on. A join alone may try four times, 30 seconds apart.
+/// still going on. What has taken this long is a join that waits before it tries again.
 void RunReported(const std::string& whatGoesOn, std::function<void()> work) {
     std::packaged_task<void()> task(std::move(work));
     std::future<void> done = task.get_future();
@@ -34,8 +37,8 @@ void RunReported(const std::string& whatGoesOn, std::function<void()> work) {
         for (auto passed = reportInterval;
              done.wait_for(reportInterval) == std::future_status::timeout;
              passed += reportInterval) {
-            Notify("still " + whatGoesOn + " (" + std::to_string(passed.count()) +
-                   " s); a controller that refuses at first is asked up to 4 times, 30 s apart");
+            Notify("still " + whatGoesOn + " (" + std::to_string(passed.count()) + " s)" +
+                   (passed < retryInterval ? "" : retryHint));
         }
     }
     worker.join();
@@ -101,11 +104,13 @@ Answer Leave(const Arguments& arguments) {
     }
     auth::ActiveDirectoryStore store(queryWaitSeconds);
     const std::string domain = CurrentDomain();
-    if (arguments.user.empty()) {
-        store.PartDomain();
-    } else {
-        LeaveAs(store, arguments.user, password);
-    }
+    RunReported("leaving " + (domain.empty() ? "the domain" : domain), [&] {
+        if (arguments.user.empty()) {
+            store.PartDomain();
+        } else {
+            LeaveAs(store, arguments.user, password);
+        }
+    });
     return {domain.empty() ? "the host was not joined to a domain" : "left " + domain,
             {{"left", TextOrNull(domain)}}};
 }

@@ -30,9 +30,9 @@ struct Status {
     Answered<std::string> controller;
     Answered<TrustState> trust;
 
-    /// What the host has stored counts; a join that something else made is seen by the provider.
+    /// The provider knows, when it answers; until then what the host has stored counts.
     const std::string& Domain() const {
-        return stored.name.empty() ? configuration.value.dnsDomainName : stored.name;
+        return configuration.live ? configuration.value.dnsDomainName : stored.name;
     }
     bool Joined() const { return !Domain().empty(); }
 };
@@ -132,7 +132,11 @@ std::string ToText(const Status& status) {
     Table table;
     table.Add("store", status.store);
     if (!status.Joined()) {
-        table.Add("domain", Marked("not joined", configuration, status.whyNotLive));
+        const std::string leftOver =
+            status.stored.name.empty()
+                ? ""
+                : " (" + status.stored.name + " is still on record; `tesauthctl leave` clears it)";
+        table.Add("domain", Marked("not joined" + leftOver, configuration, status.whyNotLive));
         return table.Text();
     }
     table.Add("domain", status.Domain());

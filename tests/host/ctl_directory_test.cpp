@@ -20,6 +20,7 @@ TEST_F(DirectoryTest, ListsTrustedDomains) {
 TEST_F(DirectoryTest, NoTrustedDomainsAreAnEmptyList) {
     Script("getTrustedDomains.missing=1\n");
     EXPECT_EQ(JsonOf(Ctl({"trusts", "--json"}))["trustedDomains"], Json::array());
+    EXPECT_EQ(Ctl({"trusts"}).out, "");
 }
 
 TEST_F(DirectoryTest, EveryTrustRelationshipHasItsName) {

@@ -85,6 +85,20 @@ TEST_F(StatusTest, AJoinThatIsNotStoredIsSeenByTheProvider) {
     EXPECT_EQ(Calls("getAnyDomainController"), "getAnyDomainController|(null)|other.example\n");
 }
 
+TEST_F(StatusTest, WhatIsLeftOnRecordOfALeftDomainIsNoMembership) {
+    Join("corp.example/Servers");
+    PlayUnjoined();
+    EXPECT_EQ(
+        Ctl({"status"}).out,
+        "store   None\n"
+        "domain  not joined (corp.example is still on record; `tesauthctl leave` clears it)\n");
+    const Json status = Status();
+    EXPECT_EQ(status["joined"], false);
+    EXPECT_EQ(status["domain"], nullptr);
+    EXPECT_EQ(Ctl({"leave"}).status, 0);
+    EXPECT_EQ(Ctl({"status"}).out, "store   None\ndomain  not joined\n");
+}
+
 struct Hanging {
     const char* operation;
     Words notLive;
