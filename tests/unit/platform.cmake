@@ -16,6 +16,7 @@ tesauth_host_test(platform_host_options_test
 tesauth_host_test(platform_network_files_test
   SOURCES ${CMAKE_CURRENT_LIST_DIR}/platform_hosts_file_test.cpp
           ${CMAKE_CURRENT_LIST_DIR}/platform_dns_config_test.cpp
+          ${CMAKE_CURRENT_LIST_DIR}/platform_edit_lock_test.cpp
           ${CMAKE_CURRENT_LIST_DIR}/platform_support.cpp
   LIBRARIES hykctl hykctlcore)
 tesauth_host_test(platform_network_links_test

@@ -111,12 +111,26 @@ TEST_F(ConfigStoreFaultsTest, LinkInPlaceOfTheFileIsAnError) {
 
 TEST_F(ConfigStoreFaultsTest, DirectoryThatCannotBeMadeIsAnError) {
     WriteFile(kDirectory, "in the way");
-    EXPECT_THAT(OpeningFailure(), HasSubstr("Not a directory"));
+    EXPECT_EQ(OpeningFailure(), std::string(kDirectory) + ": not a directory");
+}
+
+TEST_F(ConfigStoreFaultsTest, LinkInPlaceOfTheDirectoryIsAnErrorAndItsTargetStays) {
+    std::filesystem::create_directory("/run/elsewhere");
+    ASSERT_EQ(symlink("/run/elsewhere", kDirectory), 0);
+    EXPECT_EQ(OpeningFailure(), std::string(kDirectory) + ": a symbolic link, not a directory");
+    EXPECT_EQ(Mode("/run/elsewhere"), 0755u);
+    EXPECT_TRUE(std::filesystem::is_empty("/run/elsewhere"));
+    std::filesystem::remove_all("/run/elsewhere");
 }
 
 TEST_F(ConfigStoreFaultsTest, ReadOnlyFileSystemReadsAndDoesNotWrite) {
     const Mounted disk = Mounted::Memory(kDirectory, "size=1m");
     Store()->SetObject(Object("stored"), 0);
+    ASSERT_EQ(mount("test", kDirectory, nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    EXPECT_EQ(Value(), "stored");
+    // Closing the directory to others is then out of reach, too, and no reason to fail.
+    ASSERT_EQ(mount("test", kDirectory, nullptr, MS_REMOUNT, nullptr), 0);
+    ASSERT_EQ(chmod(kDirectory, 0755), 0);
     ASSERT_EQ(mount("test", kDirectory, nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
     EXPECT_EQ(Value(), "stored");
     for (const std::string& text :

@@ -120,6 +120,23 @@ TEST_F(ConfigStoreTest, FileThatWasOpenedToOthersIsClosedAgain) {
     EXPECT_EQ(Mode(kFile), 0600u);
 }
 
+TEST_F(ConfigStoreTest, DirectoryThatWasOpenedToOthersIsClosedAgain) {
+    Store()->SetObject(Object("key", "stored"), 0);
+    for (const mode_t open : {0755, 0710, 01777}) {
+        ASSERT_EQ(chmod(kDirectory, open), 0);
+        EXPECT_EQ(Value(Store()->GetObject(Id("key"))), "stored");
+        EXPECT_EQ(Mode(kDirectory), 0700u);
+    }
+}
+
+TEST_F(ConfigStoreTest, DirectoryOfAnotherUserIsLeftAlone) {
+    std::filesystem::create_directory(kDirectory);
+    if (chown(kDirectory, 65534, 0) != 0)
+        GTEST_SKIP() << "this host knows no other user";
+    Store();
+    EXPECT_EQ(Mode(kDirectory), 0755u);
+}
+
 TEST_F(ConfigStoreTest, ThreadsShareOneHandle) {
     const auto store = Store();
     std::vector<std::thread> threads;

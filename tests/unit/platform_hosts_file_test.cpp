@@ -18,6 +18,8 @@ using testing::HasSubstr;
 using testing::StartsWith;
 
 const char* const kHosts = "/etc/hosts";
+/// Where a new version of the file is until it takes its place.
+const char* const kLeftover = "/etc/.hosts.hykctl-new";
 
 class HostsFileTest : public HostTest {
 protected:
@@ -186,7 +188,20 @@ TEST_F(HostsFileTest, MountPointIsRewrittenInPlace) {
         const Mounted mounted = Mounted::Bind("/run/hosts-of-container", kHosts);
         Add();
         EXPECT_EQ(ReadFile(kHosts), "127.0.0.1 localhost\n" + kEntry + "\n");
+        EXPECT_FALSE(Exists(kLeftover));
     }
+    EXPECT_EQ(ReadFile("/run/hosts-of-container"), "127.0.0.1 localhost\n" + kEntry + "\n");
+    std::filesystem::remove("/run/hosts-of-container");
+}
+
+TEST_F(HostsFileTest, MountPointInAReadOnlyDirectoryIsRewrittenInPlace) {
+    const Mounted disk = Mounted::Memory("/run/readonly", "size=1m");
+    WriteFile("/run/readonly/hosts", "");
+    ASSERT_EQ(mount("test", "/run/readonly", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    WriteFile("/run/hosts-of-container", "127.0.0.1 localhost\n");
+    const Mounted mounted = Mounted::Bind("/run/hosts-of-container", "/run/readonly/hosts");
+    ASSERT_EQ(symlink("/run/readonly/hosts", kHosts), 0);
+    Add();
     EXPECT_EQ(ReadFile("/run/hosts-of-container"), "127.0.0.1 localhost\n" + kEntry + "\n");
     std::filesystem::remove("/run/hosts-of-container");
 }
@@ -225,6 +240,7 @@ TEST_F(FullDiskTest, MountedFileStaysAsItWas) {
     EXPECT_EQ(FailureText<HostCtlException>(Add),
               "/etc/hosts: cannot write: No space left on device");
     EXPECT_EQ(ReadFile(kHosts), old);
+    EXPECT_FALSE(Exists(kLeftover));
 }
 
 TEST_F(HostsFileTest, ReadOnlyFileSystemIsAnErrorThatNamesTheFile) {
@@ -244,9 +260,9 @@ TEST_F(HostsFileTest, DirectoryInPlaceOfTheFileIsAnError) {
 }
 
 TEST_F(HostsFileTest, WhatACrashLeftIsNoObstacle) {
-    WriteFile("/etc/.hosts.hykctl-new", "half of an en");
+    WriteFile(kLeftover, "half of an en");
     EXPECT_EQ(Edited(""), kEntry + "\n");
-    EXPECT_FALSE(Exists("/etc/.hosts.hykctl-new"));
+    EXPECT_FALSE(Exists(kLeftover));
 }
 
 TEST_F(HostsFileTest, ProcessesDoNotLoseEachOthersEntries) {

@@ -38,7 +38,8 @@ public:
 /// The hosts file, /etc/hosts.
 ///
 /// A symbolic link is followed; a file that is a mount of its own, as in a container, is rewritten
-/// in place. Callers in several threads and processes do not lose each other's entries.
+/// in place. Callers in several threads and processes do not lose each other's entries: one waits
+/// for another up to 10 seconds.
 class HOSTCTL_API HostsFile {
 public:
     /// Maps `address` to `hostName` and `aliases`.
@@ -57,8 +58,9 @@ public:
     /// kept, a missing file is created with mode 0644.
     ///
     /// Throws HostCtl::Lib::HostCtlException for a name that cannot stand in the file (empty, with
-    /// blanks, control or comment characters), and when the file cannot be read or written; the
-    /// file is then as it was, unless the text says that only the directory could not be synced.
+    /// blanks, control or comment characters), when the file cannot be read or written, and when
+    /// another process does not let go of the lock, which lies in /var/lib/tessary; the file is
+    /// then as it was, unless the text says that only the directory could not be synced.
     void AddOrReplaceEntry(const HostCtl::Network::Ipv4Address& address,
                            const std::string& hostName, const std::vector<std::string>& aliases);
 };

@@ -1,7 +1,6 @@
 #include "hykctl/text_file.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,9 +9,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
-#include <utility>
 
 #include "hostctl/host.h"
+#include "hykctl/descriptor.h"
+#include "hykctl/edit_lock.h"
 #include "hykctl/system_error.h"
 
 namespace HykCtl {
@@ -23,87 +23,48 @@ namespace fs = std::filesystem;
 constexpr mode_t kNewFileMode = 0644;
 constexpr int kMostLinks = 40; // as many as the kernel follows
 
-class Descriptor {
-public:
-    explicit Descriptor(int number) : number_(number) {}
-    ~Descriptor() {
-        if (number_ >= 0)
-            close(number_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    int Get() const { return number_; }
-    bool IsOpen() const { return number_ >= 0; }
-
-private:
-    int number_;
-};
-
 /// What is known of a file before it is edited.
 struct OldFile {
     std::string text;
     struct stat info;
 };
 
-/// Holds the right to edit files of a directory. The lock is on the directory because the file
-/// itself is another one after each edit.
-class DirectoryLock {
-public:
-    explicit DirectoryLock(const std::string& directory)
-        : directory_(directory),
-          descriptor_(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-        if (!descriptor_.IsOpen())
-            ThrowSystemError(directory, "open", errno);
-        while (flock(descriptor_.Get(), LOCK_EX) != 0)
-            if (errno != EINTR)
-                ThrowSystemError(directory, "lock", errno);
-    }
-
-    /// Makes a rename in the directory durable.
-    void Sync() const {
-        // A directory that cannot be synced (EINVAL on some file systems) is as durable as it gets.
-        if (fsync(descriptor_.Get()) != 0 && errno != EINVAL)
-            ThrowSystemError(directory_, "sync", errno);
-    }
-
-private:
-    std::string directory_;
-    Descriptor descriptor_;
-};
-
 /// The file that is to take the place of another; removed again unless it did.
 class Replacement {
 public:
+    /// Makes the new file, empty and closed to others. Where that fails, IsOpen() is false and
+    /// errno tells why.
     explicit Replacement(const fs::path& target)
         : target_(target),
-          path_(target.parent_path() / ("." + target.filename().string() + ".hykctl-new")) {
-        // A name of its own is safe under the lock; what stands there was left by a crash.
-        unlink(path_.c_str());
-        number_ = open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-        if (number_ < 0)
-            ThrowSystemError(path_, "create", errno);
-    }
+          path_(target.parent_path() / ("." + target.filename().string() + ".hykctl-new")),
+          file_(Create(path_)) {}
     ~Replacement() {
-        close(number_);
-        if (!done_)
+        if (file_.IsOpen() && !done_)
             unlink(path_.c_str());
     }
     Replacement(const Replacement&) = delete;
     Replacement& operator=(const Replacement&) = delete;
 
-    int Get() const { return number_; }
+    const std::string& Path() const { return path_; }
+    int Get() const { return file_.Get(); }
+    bool IsOpen() const { return file_.IsOpen(); }
 
-    void TakePlace() {
-        if (rename(path_.c_str(), target_.c_str()) != 0)
-            ThrowSystemError(target_, "replace", errno);
-        done_ = true;
+    /// False when it failed; errno tells why.
+    bool TakePlace() {
+        done_ = rename(path_.c_str(), target_.c_str()) == 0;
+        return done_;
     }
 
 private:
+    static int Create(const std::string& path) {
+        // A name of its own is safe under the lock; what stands there was left by a crash.
+        unlink(path.c_str());
+        return open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    }
+
     std::string target_;
     std::string path_;
-    int number_ = -1;
+    Descriptor file_;
     bool done_ = false;
 };
 
@@ -151,26 +112,44 @@ int WriteAll(int descriptor, const std::string& text) {
     return 0;
 }
 
-bool IsMountPoint(const std::string& path) {
-    struct statx info;
-    return statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS, &info) == 0 &&
-           (info.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
-}
-
-void Replace(const std::string& path, const std::optional<OldFile>& old, const std::string& text,
-             const DirectoryLock& lock) {
-    Replacement replacement(path);
-    if (const int error = WriteAll(replacement.Get(), text))
+/// Makes the text, the mode and the owner of the new file durable.
+void Complete(int descriptor, const std::string& path, const std::optional<OldFile>& old,
+              const std::string& text) {
+    if (const int error = WriteAll(descriptor, text))
         ThrowSystemError(path, "write", error);
-    if (old && fchown(replacement.Get(), old->info.st_uid, old->info.st_gid) != 0)
+    if (old && fchown(descriptor, old->info.st_uid, old->info.st_gid) != 0)
         ThrowSystemError(path, "keep the owner", errno);
     const mode_t mode = old ? old->info.st_mode & 07777 : kNewFileMode;
-    if (fchmod(replacement.Get(), mode) != 0)
+    if (fchmod(descriptor, mode) != 0)
         ThrowSystemError(path, "keep the mode", errno);
-    if (fsync(replacement.Get()) != 0)
+    if (fsync(descriptor) != 0)
         ThrowSystemError(path, "sync", errno);
-    replacement.TakePlace();
-    lock.Sync();
+}
+
+/// Puts a new file in place of the old. Returns false, and leaves nothing behind, where only the
+/// file itself can be written: it is a mount point, or lies in a read-only directory, as it may in
+/// a container.
+bool Replace(const std::string& path, const std::optional<OldFile>& old, const std::string& text) {
+    const std::string directory = fs::path(path).parent_path();
+    const Descriptor parent(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!parent.IsOpen())
+        ThrowSystemError(directory, "open", errno);
+    Replacement replacement(path);
+    if (!replacement.IsOpen()) {
+        if (old && errno == EROFS)
+            return false;
+        ThrowSystemError(replacement.Path(), "create", errno);
+    }
+    Complete(replacement.Get(), path, old, text);
+    if (!replacement.TakePlace()) {
+        if (old && errno == EBUSY)
+            return false;
+        ThrowSystemError(path, "replace", errno);
+    }
+    // A directory that cannot be synced (EINVAL on some file systems) is as durable as it gets.
+    if (fsync(parent.Get()) != 0 && errno != EINVAL)
+        ThrowSystemError(directory, "sync", errno);
+    return true;
 }
 
 /// Writes the new text over the old; returns 0 or the error. `room` is the size that the file
@@ -217,16 +196,14 @@ std::string FollowLinks(const std::string& path) {
 void EditTextFile(const std::string& path,
                   const std::function<std::string(const std::string& text)>& edit) {
     const std::string target = FollowLinks(path);
-    const DirectoryLock lock(fs::path(target).parent_path());
+    const EditLock lock;
     const std::optional<OldFile> old = ReadOldFile(target);
     const std::string oldText = old ? old->text : std::string();
     const std::string newText = edit(oldText);
     if (newText == oldText)
         return;
-    if (old && IsMountPoint(target))
+    if (!Replace(target, old, newText))
         RewriteInPlace(target, *old, newText);
-    else
-        Replace(target, old, newText, lock);
 }
 
 } // namespace HykCtl

@@ -16,13 +16,13 @@ std::string FollowLinks(const std::string& path);
 /// The file is replaced by a new one, complete and on the disk, with the mode and owner of the
 /// old; or stays as it is when anything fails. (One failure comes later: when the directory cannot
 /// be synced, the new file is in place and may not outlive a power failure.) A symbolic link is
-/// followed and kept. A file that is a mount point cannot be replaced: it is rewritten in place,
-/// after its room on the disk has been reserved. A missing file counts as empty and is created with
-/// mode 0644. Nothing is written when the text does not change.
+/// followed and kept. A file that is a mount point or lies in a read-only directory cannot be
+/// replaced: it is rewritten in place, after its room on the disk has been reserved. A missing file
+/// counts as empty and is created with mode 0644. Nothing is written when the text does not change.
 ///
-/// Callers exclude each other, between processes too, from the reading to the end of the writing.
-/// Throws HostCtl::Lib::HostCtlException that names the file and the cause, and what `edit`
-/// throws.
+/// Callers exclude each other, between processes too, from the reading to the end of the writing;
+/// see EditLock for how long one waits. Throws HostCtl::Lib::HostCtlException that names the file
+/// and the cause, and what `edit` throws.
 void EditTextFile(const std::string& path,
                   const std::function<std::string(const std::string& text)>& edit);
 
