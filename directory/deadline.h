@@ -19,6 +19,11 @@ public:
         return Deadline(std::min(end_, Clock::now() + time));
     }
 
+    Deadline NoLaterThan(const Deadline& other) const {
+        return Deadline(std::min(end_, other.end_));
+    }
+    Deadline Later(Clock::duration time) const { return Deadline(end_ + time); }
+
     bool Passed() const { return Clock::now() >= end_; }
 
     /// Time left, rounded up to whole milliseconds, as poll() takes it; 0 when it has passed.

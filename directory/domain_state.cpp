@@ -26,8 +26,10 @@ constexpr Field fields[] = {
 } // namespace
 
 const char* DomainState::Path() {
-    static const std::string path = std::string(stateDirectory) + "/domain_state";
-    return path.c_str();
+    // No object that is destroyed: operations may still run while the process exits.
+    static constexpr char path[] = "/var/lib/tessary/domain_state";
+    static_assert(std::string_view(path).starts_with(stateDirectory));
+    return path;
 }
 
 std::vector<std::string> DomainState::KeytabPrincipals() const {

@@ -4,26 +4,26 @@
 #include "operation.h"
 
 #include <fcntl.h>
-#include <stdlib.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <time.h>
 
 #include <cerrno>
-#include <memory>
+#include <filesystem>
 
 namespace tessary::directory {
 namespace {
 
 constexpr timespec lockPollInterval{0, 50'000'000};
+constexpr int mostLinks = 40; // one after the other, as the kernel has it
 
-struct FreeDeleter {
-    void operator()(char* text) const { free(text); }
-};
-
+// Also a link to a file that is yet to be made leads to where that will be.
 std::string FollowLinks(const std::string& path) {
-    const std::unique_ptr<char, FreeDeleter> real(realpath(path.c_str(), nullptr));
-    return real ? real.get() : path;
+    std::filesystem::path followed(path);
+    std::error_code error;
+    for (int i = 0; i < mostLinks && std::filesystem::is_symlink(followed, error); ++i)
+        followed = followed.parent_path() / std::filesystem::read_symlink(followed, error);
+    return followed;
 }
 
 std::string NewVersionOf(const std::string& target) {
@@ -40,8 +40,13 @@ void SyncDirectoryOf(const std::string& path) {
 } // namespace
 
 void MakeStateDirectory() {
-    if (mkdir(stateDirectory, 0700) != 0 && errno != EEXIST)
+    if (mkdir(stateDirectory, 0700) == 0)
+        return;
+    struct stat information {};
+    if (errno != EEXIST || stat(stateDirectory, &information) != 0)
         ThrowFileError(errno, std::string("cannot make ") + stateDirectory);
+    if ((information.st_mode & 077) != 0 && chmod(stateDirectory, 0700) != 0)
+        ThrowFileError(errno, std::string("cannot close to others ") + stateDirectory);
 }
 
 Replacement::Replacement(const std::string& target)
@@ -69,15 +74,6 @@ void Replacement::Write(std::string_view text) {
         else if (errno != EINTR)
             ThrowFileError(errno, "cannot write " + target_);
     }
-}
-
-void Replacement::KeepOwnerAndMode() {
-    struct stat old;
-    if (stat(target_.c_str(), &old) != 0)
-        return;
-    if (fchown(fd_.Get(), old.st_uid, old.st_gid) != 0 ||
-        fchmod(fd_.Get(), old.st_mode & 07777) != 0)
-        ThrowFileError(errno, "cannot keep the owner of " + target_);
 }
 
 void Replacement::Commit() {
@@ -119,6 +115,22 @@ std::optional<std::string> ReadFile(const std::string& path) {
         else if (errno != EINTR)
             ThrowFileError(errno, "cannot read " + path);
     }
+}
+
+Secret ReadSecretFile(const std::string& path) {
+    const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat information {};
+    if (!fd || fstat(fd.Get(), &information) != 0)
+        ThrowFileError(errno, "cannot read " + path);
+    Secret bytes(static_cast<std::size_t>(information.st_size));
+    for (std::size_t done = 0; done < bytes.Size();) {
+        const ssize_t got = read(fd.Get(), bytes.Data() + done, bytes.Size() - done);
+        if (got > 0)
+            done += static_cast<std::size_t>(got);
+        else if (got == 0 || errno != EINTR)
+            ThrowFileError(got == 0 ? EIO : errno, "cannot read " + path);
+    }
+    return bytes;
 }
 
 void RemoveFile(const std::string& path) {

@@ -3,6 +3,7 @@
 #define TESSARY_DIRECTORY_FILES_H
 
 #include "deadline.h"
+#include "secret.h"
 #include "unique_fd.h"
 
 #include <optional>
@@ -14,7 +15,7 @@ namespace tessary::directory {
 /// Where the state of the host's membership lives.
 inline constexpr char stateDirectory[] = "/var/lib/tessary";
 
-/// Makes stateDirectory, mode 0700, if it is not there.
+/// Makes stateDirectory if it is not there, and sees to its mode: 0700.
 /// \throws Error AccessDenied, NotEnoughMemory or InternalError
 void MakeStateDirectory();
 
@@ -34,11 +35,10 @@ public:
 
     /// Where the new version is until it is committed.
     const std::string& Path() const { return path_; }
+    /// What it will replace, links followed.
+    const std::string& Target() const { return target_; }
 
     void Write(std::string_view text);
-
-    /// Gives the new file the owner and mode of the one that it will replace, if there is one.
-    void KeepOwnerAndMode();
 
     /// Replaces the target; at no time is there neither the old nor the new version, also when the
     /// host loses power.
@@ -69,6 +69,10 @@ inline constexpr char preferenceLock[] = "preferred_lock";
 
 /// \return the file's text, or nothing when there is no such file
 std::optional<std::string> ReadFile(const std::string& path);
+
+/// \return the bytes of a file that has keys in it
+/// \throws Error also when there is no such file
+Secret ReadSecretFile(const std::string& path);
 
 /// Removes a file; one that is not there counts as removed.
 void RemoveFile(const std::string& path);

@@ -17,13 +17,14 @@ namespace {
 /// Deletes an account that a join has created, unless the join came to its end.
 class CreatedAccount {
 public:
-    CreatedAccount(MachineAccounts& accounts, const MachineAccount& account)
-        : accounts_(accounts), dn_(account.dn), undo_(account.created) {}
+    CreatedAccount(MachineAccounts& accounts, const MachineAccount& account,
+                   const std::string& accountName)
+        : accounts_(accounts), dn_(account.dn), name_(accountName), undo_(account.created) {}
     CreatedAccount(const CreatedAccount&) = delete;
     CreatedAccount& operator=(const CreatedAccount&) = delete;
     ~CreatedAccount() {
         if (undo_)
-            accounts_.UndoCreation(dn_);
+            accounts_.UndoCreation(dn_, name_);
     }
 
     void Keep() { undo_ = false; }
@@ -31,6 +32,7 @@ public:
 private:
     MachineAccounts& accounts_;
     std::string dn_;
+    std::string name_;
     bool undo_;
 };
 
@@ -89,7 +91,7 @@ void JoinDomain(const std::string& domain, const std::string& unit, const std::s
     const Secret machinePassword = MakeMachinePassword();
     MachineAccounts accounts(session);
     const MachineAccount account = accounts.Prepare(names, unit, machinePassword);
-    CreatedAccount created(accounts, account);
+    CreatedAccount created(accounts, account, state.account);
     state.accountDn = account.dn;
     keytab.Add(state.KeytabPrincipals(), accounts.KeyVersion(account.dn),
                session.Kerberos().MakeKeys(state.account, machinePassword));
@@ -100,7 +102,9 @@ void JoinDomain(const std::string& domain, const std::string& unit, const std::s
     try {
         stateFile.Commit();
     } catch (...) {
-        if (account.created)
+        // Only on a host that was joined already, with an account that stays, are the new keys of
+        // use: they are the only ones that the domain accepts now.
+        if (account.created || !before)
             KeytabReplacement(session.Kerberos().Context(), replaced).Commit();
         throw;
     }

@@ -1,6 +1,7 @@
 #include "kerberos.h"
 
 #include "kdc_exchange.h"
+#include "kerberos_owner.h"
 #include "kerberos_profile.h"
 #include "text.h"
 
@@ -51,47 +52,11 @@ std::string Message(krb5_context context, krb5_error_code code) {
     return result;
 }
 
-template <typename Type, void (*Free)(krb5_context, Type)>
-class KerberosOwner {
-public:
-    explicit KerberosOwner(krb5_context context) : context_(context) {}
-    KerberosOwner(const KerberosOwner&) = delete;
-    KerberosOwner& operator=(const KerberosOwner&) = delete;
-    ~KerberosOwner() {
-        if (value_)
-            Free(context_, value_);
-    }
-
-    Type* Out() { return &value_; }
-    Type Get() const { return value_; }
-
-private:
-    krb5_context context_;
-    Type value_ = nullptr;
-};
-
-void CloseKeytab(krb5_context context, krb5_keytab keytab) {
-    krb5_kt_close(context, keytab);
-}
-
-using Keytab = KerberosOwner<krb5_keytab, CloseKeytab>;
 using InitialOptions = KerberosOwner<krb5_get_init_creds_opt*, krb5_get_init_creds_opt_free>;
 using InitialRequest = KerberosOwner<krb5_init_creds_context, krb5_init_creds_free>;
 using Credentials = KerberosOwner<krb5_creds*, krb5_free_creds>;
 
-class DataOwner {
-public:
-    explicit DataOwner(krb5_context context) : context_(context) {}
-    DataOwner(const DataOwner&) = delete;
-    DataOwner& operator=(const DataOwner&) = delete;
-    ~DataOwner() { krb5_free_data_contents(context_, &data_); }
-
-    krb5_data* Get() { return &data_; }
-
-private:
-    krb5_context context_;
-    krb5_data data_{};
-};
+using Data = KerberosContents<krb5_data, krb5_free_data_contents>;
 
 krb5_data* CopyForLibrary(const std::vector<char>& bytes) {
     const auto data = static_cast<krb5_data*>(std::calloc(1, sizeof(krb5_data)));
@@ -127,7 +92,7 @@ public:
     krb5_principal Get() const { return value_.Get(); }
 
 private:
-    KerberosOwner<krb5_principal, krb5_free_principal> value_;
+    PrincipalHandle value_;
 };
 
 KerberosSession::KerberosSession(const std::string& realm, KdcFinder findKdc,
@@ -167,14 +132,18 @@ krb5_error_code KerberosSession::Exchange(krb5_context, void* self, const krb5_d
         return KRB5_KDC_UNREACH;
     } catch (const std::bad_alloc&) {
         return ENOMEM;
+    } catch (...) { // nothing may unwind the caller, which is C
+        return EIO;
     }
 }
 
 void KerberosSession::Check(krb5_error_code code, const std::string& what) {
+    // An exchange may have failed without harm, the library having gone another way.
+    const auto exchangeError = std::exchange(exchangeError_, std::nullopt);
     if (code == 0)
         return;
-    if (const auto error = std::exchange(exchangeError_, std::nullopt))
-        throw Error(error->Code(), what + ": " + error->what());
+    if (exchangeError && code == KRB5_KDC_UNREACH)
+        throw Error(exchangeError->Code(), what + ": " + exchangeError->what());
     const std::string text = what + ": " + Message(context_, code);
     for (const Meaning& meaning : meanings)
         if (meaning.code == code)
@@ -214,7 +183,7 @@ void KerberosSession::LogIn(const UserName& user, const std::string& domain, con
 }
 
 void KerberosSession::LogInWithKeytab(const std::string& account, const std::string& keytab) {
-    Keytab opened(context_);
+    KeytabHandle opened(context_);
     Check(krb5_kt_resolve(context_, keytab.c_str(), opened.Out()), "cannot open " + keytab);
     const Principal client(*this, KRB5_NT_PRINCIPAL, realm_, {account});
     GetInitialTicket(client, false, [&](krb5_init_creds_context request) {
@@ -224,7 +193,7 @@ void KerberosSession::LogInWithKeytab(const std::string& account, const std::str
 
 void KerberosSession::GetServiceTicket(const std::string& service, const std::string& host) {
     const std::string what = "no ticket for " + service + " on " + host;
-    KerberosOwner<krb5_principal, krb5_free_principal> client(context_);
+    PrincipalHandle client(context_);
     Check(krb5_cc_get_principal(context_, cache_, client.Out()), what);
     const Principal server(*this, KRB5_NT_SRV_HST, realm_, {service, host});
     krb5_creds wanted{};
@@ -246,9 +215,9 @@ std::vector<AccountKey> KerberosSession::MakeKeys(const std::string& account,
     const std::string what = "cannot make the keys of " + account;
     const Principal client(*this, KRB5_NT_PRINCIPAL, realm_, {account});
     krb5_enctype type = ENCTYPE_NULL;
-    DataOwner salt(context_);
-    DataOwner parameters(context_);
-    Check(krb5_get_etype_info(context_, client.Get(), nullptr, &type, salt.Get(), parameters.Get()),
+    Data salt(context_);
+    Data parameters(context_);
+    Check(krb5_get_etype_info(context_, client.Get(), nullptr, &type, salt.Out(), parameters.Out()),
           what);
 
     krb5_data text{};
@@ -260,8 +229,8 @@ std::vector<AccountKey> KerberosSession::MakeKeys(const std::string& account,
         krb5_keyblock key{};
         // The parameters count iterations, in the same form for all kinds of encryption used here.
         Check(krb5_c_string_to_key_with_params(
-                  context_, each, &text, salt.Get(),
-                  parameters.Get()->length ? parameters.Get() : nullptr, &key),
+                  context_, each, &text, &salt.Get(),
+                  parameters.Get().length ? &parameters.Get() : nullptr, &key),
               what);
         keys.emplace_back(context_, key);
     }

@@ -1,4 +1,6 @@
-/// Kerberos, by itself: neither the host's configuration nor its ticket cache is read or changed.
+/// Kerberos, apart from the host's own: tickets are got with a configuration of our own, and the
+/// host's ticket cache is neither read nor changed. Only GSSAPI, which uses the tickets to log in
+/// over LDAP, makes itself a context of the host's krb5.conf: one that permits no AES is obeyed.
 #ifndef TESSARY_DIRECTORY_KERBEROS_H
 #define TESSARY_DIRECTORY_KERBEROS_H
 

@@ -13,8 +13,9 @@ namespace tessary::directory {
 inline constexpr krb5_enctype encryptionTypes[] = {ENCTYPE_AES256_CTS_HMAC_SHA1_96,
                                                    ENCTYPE_AES128_CTS_HMAC_SHA1_96};
 
-/// A Kerberos context with a configuration of our own, held in memory: the host's krb5.conf and the
-/// environment are not looked at. Release with krb5_free_context().
+/// A Kerberos context with a configuration of our own, held in memory: in calls with this context
+/// the host's krb5.conf and the environment are not looked at. GSSAPI takes no context and reads
+/// them. Release with krb5_free_context().
 /// \param realm the default realm
 krb5_context MakeKerberosContext(const std::string& realm);
 

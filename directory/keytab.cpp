@@ -1,11 +1,16 @@
 #include "keytab.h"
 
 #include "error.h"
+#include "kerberos_owner.h"
+
+#include <arpa/inet.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
+#include <cstring>
 #include <ctime>
-#include <memory>
+#include <string_view>
 
 namespace tessary::directory {
 namespace {
@@ -13,57 +18,85 @@ namespace {
 // What a keytab begins with. The library makes new files but does not fill empty ones.
 constexpr std::string_view keytabFormat = "\x05\x02";
 
-/// Closes a keytab at the end of a block.
-class OpenKeytab {
+using KeytabEntry = KerberosContents<krb5_keytab_entry, krb5_free_keytab_entry_contents>;
+using PrincipalText = KerberosOwner<char*, krb5_free_unparsed_name>;
+
+/// Reads a keytab's entries one after the other.
+class KeytabScan {
 public:
-    explicit OpenKeytab(krb5_context context) : context_(context) {}
-    OpenKeytab(const OpenKeytab&) = delete;
-    OpenKeytab& operator=(const OpenKeytab&) = delete;
-    ~OpenKeytab() {
-        if (keytab_ && scanning_)
-            krb5_kt_end_seq_get(context_, keytab_, &cursor_);
-        if (keytab_)
-            krb5_kt_close(context_, keytab_);
+    explicit KeytabScan(krb5_context context) : context_(context), keytab_(context) {}
+    KeytabScan(const KeytabScan&) = delete;
+    KeytabScan& operator=(const KeytabScan&) = delete;
+    ~KeytabScan() {
+        if (scanning_)
+            krb5_kt_end_seq_get(context_, keytab_.Get(), &cursor_);
     }
 
-    krb5_error_code Open(const std::string& name) {
-        return krb5_kt_resolve(context_, name.c_str(), &keytab_);
-    }
-    krb5_error_code StartScan() {
-        const krb5_error_code code = krb5_kt_start_seq_get(context_, keytab_, &cursor_);
+    krb5_error_code Start(const std::string& name) {
+        krb5_error_code code = krb5_kt_resolve(context_, name.c_str(), keytab_.Out());
+        if (code == 0)
+            code = krb5_kt_start_seq_get(context_, keytab_.Get(), &cursor_);
         scanning_ = code == 0;
         return code;
     }
-    krb5_error_code Next(krb5_keytab_entry& entry) {
-        return krb5_kt_next_entry(context_, keytab_, &entry, &cursor_);
+    krb5_error_code Next(KeytabEntry& entry) {
+        return krb5_kt_next_entry(context_, keytab_.Get(), entry.Out(), &cursor_);
     }
-    krb5_keytab Get() const { return keytab_; }
 
 private:
     krb5_context context_;
-    krb5_keytab keytab_ = nullptr;
+    KeytabHandle keytab_;
     krb5_kt_cursor cursor_{};
     bool scanning_ = false;
 };
 
-struct EntryOwner {
-    krb5_context context;
-    krb5_keytab_entry entry{};
+/// The bytes of a keytab's entries. The library can copy an entry only with a new time stamp.
+class KeytabRecords {
+public:
+    /// \param bytes the whole keytab; must outlive this
+    explicit KeytabRecords(std::string_view bytes)
+        : format_(bytes.substr(0, keytabFormat.size())), rest_(bytes.substr(format_.size())) {}
 
-    explicit EntryOwner(krb5_context owner) : context(owner) {}
-    EntryOwner(const EntryOwner&) = delete;
-    EntryOwner& operator=(const EntryOwner&) = delete;
-    ~EntryOwner() { krb5_free_keytab_entry_contents(context, &entry); }
+    std::string_view Format() const { return format_; }
+
+    /// The next entry's record, its length included.
+    /// \throws Error when there are fewer than the library has found
+    std::string_view Next() {
+        std::int64_t length = 0;
+        do {
+            rest_.remove_prefix(std::min(Size(length), rest_.size()));
+            length = ReadLength();
+        } while (length < 0); // the place of an entry that was removed
+        if (length == 0 || Size(length) > rest_.size())
+            throw Error(Status::InternalError, std::string("damaged: ") + hostKeytab);
+        const std::string_view record = rest_.substr(0, Size(length));
+        rest_.remove_prefix(record.size());
+        return record;
+    }
+
+private:
+    static std::size_t Size(std::int64_t length) {
+        return length == 0 ? 0 : sizeof(std::int32_t) + static_cast<std::size_t>(std::abs(length));
+    }
+
+    std::int32_t ReadLength() const {
+        std::uint32_t length = 0;
+        if (rest_.size() >= sizeof length)
+            std::memcpy(&length, rest_.data(), sizeof length);
+        // The format before this one had numbers as the host has them.
+        return static_cast<std::int32_t>(format_ == keytabFormat ? ntohl(length) : length);
+    }
+
+    std::string_view format_;
+    std::string_view rest_;
 };
 
 bool Names(krb5_context context, krb5_const_principal principal,
            const std::vector<std::string>& names) {
-    char* text = nullptr;
-    if (krb5_unparse_name(context, principal, &text) != 0)
+    PrincipalText text(context);
+    if (krb5_unparse_name(context, principal, text.Out()) != 0)
         throw Error(Status::NotEnoughMemory, "cannot name a keytab's principal");
-    const bool found = std::find(names.begin(), names.end(), text) != names.end();
-    krb5_free_unparsed_name(context, text);
-    return found;
+    return std::find(names.begin(), names.end(), text.Get()) != names.end();
 }
 
 } // namespace
@@ -71,8 +104,6 @@ bool Names(krb5_context context, krb5_const_principal principal,
 KeytabReplacement::KeytabReplacement(krb5_context context,
                                      const std::vector<std::string>& principals)
     : context_(context), file_(hostKeytab) {
-    file_.KeepOwnerAndMode();
-    file_.Write(keytabFormat);
     CopyOthers(principals);
 }
 
@@ -91,31 +122,38 @@ void KeytabReplacement::Check(krb5_error_code code, const std::string& what) con
 }
 
 void KeytabReplacement::CopyOthers(const std::vector<std::string>& principals) {
-    OpenKeytab old(context_);
-    Check(old.Open(std::string("FILE:") + hostKeytab), "cannot open");
-    const krb5_error_code started = old.StartScan();
+    KeytabScan old(context_);
+    const krb5_error_code started = old.Start(std::string("FILE:") + hostKeytab);
     if (started == ENOENT || started == KRB5_KEYTAB_BADVNO) {
         // No keytab, or an empty file: nothing to keep. One with another content is not ours to
         // throw away.
         const auto content = ReadFile(hostKeytab);
-        if (!content || content->empty())
+        if (!content || content->empty()) {
+            file_.Write(keytabFormat);
             return;
+        }
     }
     Check(started, "cannot read");
+    const Secret bytes = ReadSecretFile(hostKeytab);
+    KeytabRecords records(bytes.View());
+    file_.Write(records.Format());
     for (;;) {
-        EntryOwner owner(context_);
-        const krb5_error_code code = old.Next(owner.entry);
+        KeytabEntry entry(context_);
+        const krb5_error_code code = old.Next(entry);
         if (code == KRB5_KT_END)
             return;
         Check(code, "cannot read");
-        if (!Names(context_, owner.entry.principal, principals))
-            Append(owner.entry);
+        const std::string_view record = records.Next();
+        if (Names(context_, entry.Get().principal, principals))
+            continue;
+        file_.Write(record);
+        empty_ = false;
     }
 }
 
 void KeytabReplacement::Append(krb5_keytab_entry& entry) {
-    OpenKeytab keytab(context_);
-    Check(keytab.Open(Name()), "cannot write");
+    KeytabHandle keytab(context_);
+    Check(krb5_kt_resolve(context_, Name().c_str(), keytab.Out()), "cannot write");
     Check(krb5_kt_add_entry(context_, keytab.Get(), &entry), "cannot write");
     empty_ = false;
 }
@@ -123,16 +161,11 @@ void KeytabReplacement::Append(krb5_keytab_entry& entry) {
 void KeytabReplacement::Add(const std::vector<std::string>& principals, int keyVersion,
                             const std::vector<AccountKey>& keys) {
     for (const std::string& name : principals) {
-        krb5_principal principal = nullptr;
-        Check(krb5_parse_name(context_, name.c_str(), &principal), "cannot name an entry of");
-        struct Release {
-            krb5_context context;
-            void operator()(krb5_principal value) const { krb5_free_principal(context, value); }
-        };
-        const std::unique_ptr<krb5_principal_data, Release> owned(principal, Release{context_});
+        PrincipalHandle principal(context_);
+        Check(krb5_parse_name(context_, name.c_str(), principal.Out()), "cannot name an entry of");
         for (const AccountKey& key : keys) {
             krb5_keytab_entry entry{};
-            entry.principal = principal;
+            entry.principal = principal.Get();
             entry.timestamp = static_cast<krb5_timestamp>(std::time(nullptr));
             entry.vno = static_cast<krb5_kvno>(keyVersion);
             entry.key = key.Get();
@@ -143,7 +176,7 @@ void KeytabReplacement::Add(const std::vector<std::string>& principals, int keyV
 
 void KeytabReplacement::Commit() {
     if (empty_)
-        RemoveFile(hostKeytab);
+        RemoveFile(file_.Target());
     else
         file_.Commit();
 }

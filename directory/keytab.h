@@ -14,8 +14,9 @@ namespace tessary::directory {
 
 inline constexpr char hostKeytab[] = "/etc/krb5.keytab";
 
-/// A new version of the host's keytab that keeps all entries but those of some principals. It is
-/// not in force before Commit(), and vanishes without.
+/// A new version of the host's keytab that keeps all entries, to the byte, but those of some
+/// principals. Its mode is 0600, its owner this process's, whatever the old one's. It is not in
+/// force before Commit(), and vanishes without. A keytab that is a symbolic link stays one.
 class KeytabReplacement {
 public:
     /// \param context    must outlive the replacement

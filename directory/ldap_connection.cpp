@@ -20,7 +20,10 @@ namespace {
 constexpr std::chrono::seconds patience{8}; // with one answer
 
 // The strength below which a connection counts as not encrypted, as SASL measures it.
-constexpr char securityProperties[] = "noanonymous,noplain,minssf=56";
+// The other limits are the library's own: unless they are given, ldap.conf and the environment can
+// lower them until no login is possible.
+constexpr char securityProperties[] =
+    "noanonymous,noplain,minssf=56,maxssf=2147483647,maxbufsize=65536";
 
 struct MemoryDeleter {
     void operator()(char* text) const { ldap_memfree(text); }
@@ -83,13 +86,14 @@ private:
 } // namespace
 
 const std::vector<std::string>& LdapEntry::Values(std::string_view attribute) const {
-    static const std::vector<std::string> none;
+    // Not destroyed: operations may still run while the process exits.
+    static const auto& none = *new std::vector<std::string>;
     const auto found = attributes_.find(LowerCase(attribute));
     return found == attributes_.end() ? none : found->second;
 }
 
 const std::string& LdapEntry::Value(std::string_view attribute) const {
-    static const std::string none;
+    static const auto& none = *new std::string; // not destroyed, as above
     const auto& values = Values(attribute);
     return values.empty() ? none : values.front();
 }
@@ -105,6 +109,8 @@ std::optional<long> LdapEntry::Number(std::string_view attribute) const {
 
 LdapConnection::LdapConnection(UniqueFd socket, const std::string& host)
     : socket_(socket.Get()), host_(host) {
+    // Late, a change or a deletion would hit what another attempt has made meanwhile.
+    TakeBackUnsentOnClose(socket.Get());
     LDAP* handle = nullptr;
     const std::string url = "ldap://" + host;
     const int result = ldap_init_fd(socket.Get(), LDAP_PROTO_TCP, url.c_str(), &handle);
@@ -130,6 +136,12 @@ void LdapConnection::SetOption(int option, const void* value) {
         throw Error(Status::InternalError, "libldap refuses option " + std::to_string(option));
 }
 
+void LdapConnection::ThrowFailed(int result, const std::string& what) const {
+    if (result == LDAP_SERVER_DOWN && !answered_)
+        throw Error(Status::ConnectionRefused, what + ": the connection was closed at once");
+    ThrowLdapError(result, "", what);
+}
+
 LdapConnection::Message LdapConnection::TryReceive(int message) {
     Sockbuf* buffer = nullptr;
     ldap_get_option(handle_.get(), LDAP_OPT_SOCKBUF, &buffer);
@@ -137,12 +149,14 @@ LdapConnection::Message LdapConnection::TryReceive(int message) {
         timeval none{0, 0};
         LDAPMessage* received = nullptr;
         const int type = ldap_result(handle_.get(), message, LDAP_MSG_ALL, &none, &received);
-        if (type > 0)
+        if (type > 0) {
+            answered_ = true;
             return Message(received);
+        }
         if (type < 0) {
             int result = LDAP_OTHER;
             ldap_get_option(handle_.get(), LDAP_OPT_RESULT_CODE, &result);
-            ThrowLdapError(result, "", "no answer from " + host_);
+            ThrowFailed(result, "no answer from " + host_);
         }
         // What was read ahead or decrypted together with an earlier message wakes no poll().
     } while (buffer && ber_sockbuf_ctrl(buffer, LBER_SB_OPT_DATA_READY, nullptr) > 0);
@@ -206,7 +220,7 @@ int LdapConnection::StartRootSearch(const char* const* attributes) {
                                        const_cast<char**>(attributes), 0, nullptr, nullptr, nullptr,
                                        LDAP_NO_LIMIT, &message);
     if (result != LDAP_SUCCESS)
-        ThrowLdapError(result, "", "cannot ask " + host_);
+        ThrowFailed(result, "cannot ask " + host_);
     return message;
 }
 
@@ -267,26 +281,24 @@ LdapEntry LdapConnection::Read(const std::string& dn, const std::vector<const ch
     return std::move(entries.front());
 }
 
+void LdapConnection::Change(ChangeCall call, const std::string& what, const std::string& dn,
+                            const std::vector<LdapChange>& changes, const Deadline& deadline) {
+    ModificationList list(changes);
+    int message = 0;
+    const int sent = call(handle_.get(), dn.c_str(), list.Get(), nullptr, nullptr, &message);
+    if (sent != LDAP_SUCCESS)
+        ThrowLdapError(sent, "", what + dn);
+    ExpectSuccess(Receive(message, deadline).get(), what + dn);
+}
+
 void LdapConnection::Add(const std::string& dn, const std::vector<LdapChange>& attributes,
                          const Deadline& deadline) {
-    ModificationList list(attributes);
-    int message = 0;
-    const int sent =
-        ldap_add_ext(handle_.get(), dn.c_str(), list.Get(), nullptr, nullptr, &message);
-    if (sent != LDAP_SUCCESS)
-        ThrowLdapError(sent, "", "cannot create " + dn);
-    ExpectSuccess(Receive(message, deadline).get(), "cannot create " + dn);
+    Change(ldap_add_ext, "cannot create ", dn, attributes, deadline);
 }
 
 void LdapConnection::Modify(const std::string& dn, const std::vector<LdapChange>& changes,
                             const Deadline& deadline) {
-    ModificationList list(changes);
-    int message = 0;
-    const int sent =
-        ldap_modify_ext(handle_.get(), dn.c_str(), list.Get(), nullptr, nullptr, &message);
-    if (sent != LDAP_SUCCESS)
-        ThrowLdapError(sent, "", "cannot change " + dn);
-    ExpectSuccess(Receive(message, deadline).get(), "cannot change " + dn);
+    Change(ldap_modify_ext, "cannot change ", dn, changes, deadline);
 }
 
 int LdapConnection::DeleteOnce(const std::string& dn, LDAPControl** controls,
@@ -297,10 +309,19 @@ int LdapConnection::DeleteOnce(const std::string& dn, LDAPControl** controls,
 }
 
 void LdapConnection::Delete(const std::string& dn, const Deadline& deadline) {
+    std::string diagnostics;
+    const int result = DeleteOnce(dn, nullptr, diagnostics, deadline);
+    if (result != LDAP_SUCCESS && result != LDAP_NO_SUCH_OBJECT)
+        ThrowLdapError(result, diagnostics, "cannot delete " + dn);
+}
+
+void LdapConnection::DeleteTree(const std::string& dn, const Deadline& deadline) {
     char treeDelete[] = "1.2.840.113556.1.4.805";
     LDAPControl control{treeDelete, {0, nullptr}, 1};
     LDAPControl* controls[] = {&control, nullptr};
 
+    // Without the control first: it asks for a right that not everybody has who may delete the
+    // entry.
     std::string diagnostics;
     int result = DeleteOnce(dn, nullptr, diagnostics, deadline);
     if (result == LDAP_NOT_ALLOWED_ON_NONLEAF)

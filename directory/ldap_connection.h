@@ -49,7 +49,8 @@ struct LdapChange {
 /// Operations throw Error with a status that tells the directory's answer: AccessDenied,
 /// NoSuchContainer (an object that an operation relies on is missing), PasswordRefused,
 /// InvalidComputerName (another account holds the host's names), NoController (the connection
-/// broke), TimedOut, NotEnoughMemory, else InternalError.
+/// broke), ConnectionRefused (it broke before any answer: a service that is just going down still
+/// takes connections), TimedOut, NotEnoughMemory, else InternalError.
 class LdapConnection {
 public:
     /// \param socket connected and non-blocking
@@ -81,8 +82,10 @@ public:
              const Deadline& deadline);
     void Modify(const std::string& dn, const std::vector<LdapChange>& changes,
                 const Deadline& deadline);
-    /// Deletes the entry with all that is below it. One that is not there counts as deleted.
+    /// Deletes the entry; fails where others are below it. One that is not there counts as deleted.
     void Delete(const std::string& dn, const Deadline& deadline);
+    /// Deletes the entry with all that is below it. One that is not there counts as deleted.
+    void DeleteTree(const std::string& dn, const Deadline& deadline);
 
 private:
     struct HandleDeleter {
@@ -92,19 +95,24 @@ private:
         void operator()(LDAPMessage* message) const { ldap_msgfree(message); }
     };
     using Message = std::unique_ptr<LDAPMessage, MessageDeleter>;
+    using ChangeCall = decltype(ldap_modify_ext)*; // or ldap_add_ext
 
     void SetOption(int option, const void* value);
+    [[noreturn]] void ThrowFailed(int result, const std::string& what) const;
     Message TryReceive(int message);
     Message Receive(int message, const Deadline& deadline);
     int CheckResult(LDAPMessage* message, std::string& diagnostics);
     void ExpectSuccess(LDAPMessage* message, const std::string& what);
     std::vector<LdapEntry> Entries(LDAPMessage* message);
+    void Change(ChangeCall call, const std::string& what, const std::string& dn,
+                const std::vector<LdapChange>& changes, const Deadline& deadline);
     int DeleteOnce(const std::string& dn, LDAPControl** controls, std::string& diagnostics,
                    const Deadline& deadline);
 
     std::unique_ptr<LDAP, HandleDeleter> handle_;
     int socket_; // the handle's
     std::string host_;
+    bool answered_ = false; // by the controller, to anything
 };
 
 /// A value made fit for a search filter.

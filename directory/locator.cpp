@@ -33,9 +33,8 @@ public:
     /// \return the controller's answer once it is there
     /// \throws Error when the controller cannot be talked to
     std::optional<LdapEntry> Advance() {
-        static const char* const attributes[] = {"defaultNamingContext",
-                                                 "configurationNamingContext", "dnsHostName",
-                                                 "ldapServiceName", nullptr};
+        static const char* const attributes[] = {
+            "defaultNamingContext", "configurationNamingContext", "dnsHostName", nullptr};
         if (!connection_) {
             FinishConnect(connecting_.Get());
             connection_ = std::make_unique<LdapConnection>(std::move(connecting_), candidate_.host);
@@ -45,17 +44,22 @@ public:
         return connection_->TryFinishSearch(question_);
     }
 
-    /// The controller that gave this answer. A login takes the connection's name for the
-    /// controller's: a controller that calls itself by another name is connected to again.
-    Controller Take(const LdapEntry& answer) {
-        const std::string& service = answer.Value("ldapServiceName");
+    /// Makes up for time in which nobody looked after the attempt, as far as the limit allows.
+    void Extend(Deadline::Clock::duration time, const Deadline& limit) {
+        deadline_ = limit.NoLaterThan(deadline_.Later(time));
+    }
+
+    /// The controller that gave this answer, of the domain that was looked for. A login takes the
+    /// connection's name for the controller's: a controller that calls itself by another name is
+    /// connected to again.
+    Controller Take(const LdapEntry& answer, const std::string& domain) {
         const std::string& host = answer.Value("dnsHostName");
         if (!EqualNames(host, candidate_.host))
             connection_ =
                 std::make_unique<LdapConnection>(Connect(candidate_.address, deadline_), host);
         return {host,
-                LowerCase(service.substr(0, service.find(':'))),
-                service.substr(service.rfind('@') + 1),
+                domain,
+                UpperCase(domain),
                 answer.Value("defaultNamingContext"),
                 answer.Value("configurationNamingContext"),
                 candidate_.address,
@@ -82,8 +86,8 @@ std::string BaseDnOf(const std::string& domain) {
 class Race {
 public:
     Race(const std::string& domain, const std::vector<std::string>& known, const Deadline& deadline)
-        : baseDn_(BaseDnOf(domain)), deadline_(deadline), candidates_(domain, known, deadline),
-          nextStart_(Deadline::In(0ms)) {}
+        : domain_(domain), baseDn_(BaseDnOf(domain)), deadline_(deadline),
+          candidates_(domain, known, deadline), nextStart_(Deadline::In(0ms)) {}
 
     Controller Run() {
         for (;;) {
@@ -98,21 +102,26 @@ public:
 
 private:
     void StartNext() {
-        std::optional<Candidate> candidate = candidates_.Next();
+        const Deadline::Clock::time_point before = Deadline::Clock::now();
+        std::optional<Candidate> candidate = candidates_.Next(); // may wait for name servers
+        for (Attempt& attempt : attempts_)
+            attempt.Extend(Deadline::Clock::now() - before, deadline_);
         exhausted_ = !candidate;
         nextStart_ = Deadline::In(headStart);
         if (candidate)
             Guarded([&] { attempts_.push_back(Attempt(std::move(*candidate), deadline_)); });
     }
 
-    /// Notes the failure of one attempt, so that the others go on.
+    /// Notes the failure of one attempt, so that the others go on. Another domain's controller says
+    /// nothing about those of the domain.
     template <typename Function>
     bool Guarded(Function function) {
         try {
             function();
             return true;
         } catch (const Error& error) {
-            failures_.push_back(error.Code());
+            if (error.Code() != Status::NoSuchDomain)
+                failures_.push_back(error.Code());
             nextStart_ = Deadline::In(0ms);
             return false;
         }
@@ -155,29 +164,25 @@ private:
         if (!answer)
             return std::nullopt;
         if (!EqualNames(answer->Value("defaultNamingContext"), baseDn_) ||
-            answer->Value("dnsHostName").empty() || answer->Value("ldapServiceName").empty())
+            answer->Value("dnsHostName").empty())
             throw Error(Status::NoSuchDomain, "serves another domain");
-        return attempt.Take(*answer);
+        return attempt.Take(*answer, domain_);
     }
 
     [[noreturn]] void ThrowFailure() const {
-        const auto failed = [&](Status status) {
-            return std::find(failures_.begin(), failures_.end(), status) != failures_.end();
-        };
-        const auto allFailed = [&](Status status) {
-            return !failures_.empty() && std::all_of(failures_.begin(), failures_.end(),
-                                                     [&](Status each) { return each == status; });
-        };
-        if (failed(Status::TimedOut))
+        const auto is = [](Status status) { return [=](Status each) { return each == status; }; };
+        if (std::any_of(failures_.begin(), failures_.end(), is(Status::TimedOut)))
             throw Error(Status::TimedOut, "no domain controller answers in time");
-        if (candidates_.DiscoveryError() && (failures_.empty() || allFailed(Status::NoSuchDomain)))
+        if (candidates_.DiscoveryError() && failures_.empty())
             throw *candidates_.DiscoveryError();
-        if (allFailed(Status::ConnectionRefused))
+        if (!failures_.empty() &&
+            std::all_of(failures_.begin(), failures_.end(), is(Status::ConnectionRefused)))
             throw Error(Status::ConnectionRefused,
                         "every domain controller refuses the connection");
         throw Error(Status::NoController, "no domain controller can be reached");
     }
 
+    std::string domain_;
     std::string baseDn_;
     Deadline deadline_;
     ControllerCandidates candidates_;

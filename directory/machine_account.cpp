@@ -99,25 +99,36 @@ std::string MachineAccounts::Create(const HostNames& names, const std::string& c
     } catch (const Error& error) {
         // The controller may have done its work and only the answer is lost.
         if (error.Code() == Status::TimedOut || error.Code() == Status::NoController)
-            UndoCreation(dn);
+            UndoCreation(dn, accountName);
         throw;
     }
     return dn;
 }
 
-void MachineAccounts::UndoCreation(const std::string& dn) noexcept {
+void MachineAccounts::DeleteIfNamed(const std::string& dn, const std::string& accountName,
+                                    const Deadline& toRead, const Deadline& toDelete) {
+    const LdapEntry entry = session_.Ldap().Read(dn, {"objectClass", "sAMAccountName"}, toRead);
+    const std::vector<std::string>& classes = entry.Values("objectClass");
+    if (EqualNames(entry.Value("sAMAccountName"), accountName) &&
+        std::find(classes.begin(), classes.end(), "computer") != classes.end())
+        session_.Ldap().Delete(dn, toDelete);
+}
+
+void MachineAccounts::UndoCreation(const std::string& dn, const std::string& accountName) noexcept {
     const Deadline deadline = Deadline::In(undoTime);
     try {
-        session_.Ldap().Delete(dn, deadline.AtMost(undoTime / 2));
+        // A controller that does not answer now must find no deletion when it wakes up: the account
+        // may be a later join's by then. Reading comes first for that, too.
+        DeleteIfNamed(dn, accountName, deadline.AtMost(undoTime / 2), deadline);
         return;
     } catch (const std::exception&) {
         // On to the next try.
     }
     try {
         session_.Reconnect(deadline);
-        session_.Ldap().Delete(dn, deadline);
+        DeleteIfNamed(dn, accountName, deadline, deadline);
     } catch (const std::exception&) {
-        // No controller is left to tell.
+        // No controller is left to tell, or the account is not there.
     }
 }
 

@@ -38,12 +38,15 @@ public:
     /// \param accountName with the final '$'
     std::optional<std::string> Find(const std::string& accountName);
 
-    void Delete(const std::string& dn) { session_.Ldap().Delete(dn, session_.End()); }
+    /// Deletes an account with all that is below it.
+    void Delete(const std::string& dn) { session_.Ldap().DeleteTree(dn, session_.End()); }
 
     /// Deletes an account that was created in vain, on a new connection if need be and in a time of
-    /// its own, at most 5 seconds. What fails here is not told: why the account was created in vain
-    /// is what matters.
-    void UndoCreation(const std::string& dn) noexcept;
+    /// its own, at most 5 seconds. An object that only has the same distinguished name stays, as
+    /// does an account that somebody has put something below. What fails here is not told: why the
+    /// account was created in vain is what matters.
+    /// \param accountName with the final '$'
+    void UndoCreation(const std::string& dn, const std::string& accountName) noexcept;
 
     /// Makes an account unusable and keeps it.
     void Disable(const std::string& dn);
@@ -51,6 +54,8 @@ public:
 private:
     std::optional<LdapEntry> FindEntry(const std::string& accountName);
     std::string ContainerDn(const std::string& unit);
+    void DeleteIfNamed(const std::string& dn, const std::string& accountName,
+                       const Deadline& toRead, const Deadline& toDelete);
     std::string Create(const HostNames& names, const std::string& container,
                        const Secret& encodedPassword);
     void Reset(const LdapEntry& account, const HostNames& names, const Secret& encodedPassword);

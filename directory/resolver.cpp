@@ -74,8 +74,9 @@ Resolver::Resolver(const Deadline& deadline) : answer_(largestAnswer) {
     state_.retrans = std::min(state_.retrans, ample ? secondsPerTry : secondsPerTry / 2);
     state_.retry = std::min(state_.retry, triesPerServer);
     // Large answers fit into one datagram, and of one that doesn't the part that came will do: the
-    // C library's switch to TCP knows no time limit.
+    // C library's TCP, be it the host's preference, knows no time limit.
     state_.options |= RES_USE_EDNS0 | RES_IGNTC;
+    state_.options &= ~static_cast<decltype(state_.options)>(RES_USEVC);
 }
 
 Resolver::~Resolver() {

@@ -12,8 +12,9 @@
 
 namespace tessary::directory {
 
-/// While it lives, look-ups of this thread through the C library ask no name server: they answer
-/// from local files or fail at once. Other threads are not affected.
+/// While it lives, look-ups of this thread through the C library's own DNS client ask no name
+/// server: they answer from local files or fail at once. Other threads are not affected. Modules of
+/// the name service switch that ask by other means, such as `resolve` and `mdns`, are not muted.
 ///
 /// The libraries below insist on looking a controller's name up to find its canonical form; the
 /// name that the controller gives itself is the right one, and a look-up costs seconds where name
@@ -29,7 +30,7 @@ private:
     int serverCount_;
 };
 
-/// Asks the name servers of the host's current resolver configuration. Gives up after 6 to 9
+/// Asks the name servers of the host's current resolver configuration. Gives up after 6 to 10
 /// seconds, by how many servers there are, when none answers, and asks them nothing more then. Use
 /// by one thread at a time.
 class Resolver {

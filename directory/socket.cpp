@@ -15,7 +15,7 @@ namespace {
 
 [[noreturn]] void ThrowConnectError(int error) {
     Status status = Status::NoController;
-    if (error == ECONNREFUSED)
+    if (error == ECONNREFUSED || error == ECONNRESET) // the latter of one just going down
         status = Status::ConnectionRefused;
     else if (error == ETIMEDOUT)
         status = Status::TimedOut;
@@ -75,6 +75,11 @@ void FinishConnect(int fd) {
         error = errno;
     if (error != 0)
         ThrowConnectError(error);
+}
+
+void TakeBackUnsentOnClose(int fd) {
+    const linger none{1, 0};
+    setsockopt(fd, SOL_SOCKET, SO_LINGER, &none, sizeof none);
 }
 
 UniqueFd Connect(const SocketAddress& address, const Deadline& deadline) {

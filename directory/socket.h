@@ -46,6 +46,11 @@ UniqueFd StartConnect(const SocketAddress& address);
 /// \throws Error ConnectionRefused, TimedOut or NoController
 void FinishConnect(int fd);
 
+/// Lets a close, be it by the end of the process, take back what the peer has not received yet.
+/// Otherwise the kernel goes on sending it for minutes, and a change that was given up is made when
+/// the network is back.
+void TakeBackUnsentOnClose(int fd);
+
 /// StartConnect() and FinishConnect() in one.
 UniqueFd Connect(const SocketAddress& address, const Deadline& deadline);
 

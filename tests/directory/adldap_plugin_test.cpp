@@ -3,11 +3,14 @@
 #include "provider_plugin.h"
 
 #include <dlfcn.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -41,6 +44,12 @@ void RunLab(const std::string& words) {
 bool Exists(const char* path) {
     struct stat information;
     return stat(path, &information) == 0;
+}
+
+unsigned Mode(const char* path) {
+    struct stat information {};
+    EXPECT_EQ(stat(path, &information), 0) << path;
+    return information.st_mode & 07777;
 }
 
 std::string Content(const char* path) {
@@ -203,11 +212,8 @@ TEST_F(AdldapTest, JoinMakesAWorkingMember) {
     EXPECT_THAT(plugin_.MachineDn(), StartsWith("CN=HOST1,CN=Computers,DC="));
     EXPECT_EQ(State(), TrustStateGood);
 
-    struct stat information;
-    ASSERT_EQ(stat(keytabFile, &information), 0);
-    EXPECT_EQ(information.st_mode & 07777, 0600u);
-    ASSERT_EQ(stat(stateFile, &information), 0);
-    EXPECT_EQ(information.st_mode & 07777, 0600u);
+    EXPECT_EQ(Mode(keytabFile), 0600u);
+    EXPECT_EQ(Mode(stateFile), 0600u);
 }
 
 TEST_F(AdldapTest, JoiningAgainRenewsTheKey) {
@@ -306,17 +312,80 @@ TEST_F(AdldapTest, AccountsFateIsTold) {
     EXPECT_EQ(State(), TrustStateGood);
 }
 
-TEST_F(AdldapTest, OtherKeysOfTheHostStay) {
-    ASSERT_EQ(std::system("printf 'add_entry -password -p nfs/x@OTHER -k 3 -e aes256-cts\\npw\\n"
-                          "wkt /etc/krb5.keytab\\nq\\n' | ktutil > /dev/null"),
+/// What ktutil adds to a keytab: keys of another realm. They are of another time than a join's.
+void AddOtherKeys(const std::string& path) {
+    ASSERT_EQ(std::system(("printf 'add_entry -password -p nfs/x@OTHER -k 3 -e aes256-cts\\npw\\n"
+                           "wkt " +
+                           path + "\\nq\\n' | ktutil > /dev/null")
+                              .c_str()),
               0);
+    std::string keys = Content(path.c_str());
+    // The last entry ends in time (4 bytes), short version, kind and length of key (5), the key
+    // (32), version (4).
+    constexpr std::size_t timeFromEnd = 4 + 5 + 32 + 4;
+    ASSERT_GT(keys.size(), timeFromEnd);
+    keys.replace(keys.size() - timeFromEnd, 4, 4, '\x11');
+    std::ofstream(path, std::ios::binary) << keys;
+}
+
+TEST_F(AdldapTest, OtherKeysOfTheHostStay) {
+    AddOtherKeys(keytabFile);
     const std::string before = Content(keytabFile);
     ASSERT_EQ(JoinAsAdmin(), 0u);
-    EXPECT_THAT(Content(keytabFile), HasSubstr("OTHER"));
+    EXPECT_THAT(Content(keytabFile), StartsWith(before)) << "to the byte";
     EXPECT_THAT(Content(keytabFile), HasSubstr("HOST1$"));
     ASSERT_EQ(plugin_.LeaveAs(admin_, password_), 0u);
     EXPECT_EQ(Content(keytabFile), before);
     std::remove(keytabFile);
+}
+
+TEST_F(AdldapTest, KeytabThatOthersCouldReadIsClosedToThem) {
+    AddOtherKeys(keytabFile);
+    ASSERT_EQ(chmod(keytabFile, 0644), 0);
+    ASSERT_EQ(chmod("/var/lib/tessary", 0755), 0);
+    ASSERT_EQ(JoinAsAdmin(), 0u);
+    EXPECT_EQ(Mode(keytabFile), 0600u);
+    EXPECT_EQ(Mode("/var/lib/tessary"), 0700u);
+    ASSERT_EQ(plugin_.LeaveAs(admin_, password_), 0u);
+    EXPECT_EQ(Mode(keytabFile), 0600u);
+    std::remove(keytabFile);
+}
+
+TEST_F(AdldapTest, KeytabThatIsALinkStaysOne) {
+    const char target[] = "/var/lib/keytab-of-the-host";
+    ASSERT_EQ(symlink("../var/lib/keytab-of-the-host", keytabFile), 0);
+    ASSERT_EQ(JoinAsAdmin(), 0u);
+    EXPECT_TRUE(std::filesystem::is_symlink(keytabFile)) << "also when it led nowhere";
+    EXPECT_EQ(Mode(target), 0600u);
+    ASSERT_EQ(plugin_.LeaveAs(admin_, password_), 0u);
+    EXPECT_FALSE(Exists(target)) << "the keys are gone, not only the way to them";
+    EXPECT_TRUE(std::filesystem::is_symlink(keytabFile));
+    std::remove(keytabFile);
+}
+
+TEST_F(AdldapTest, JoinThatCannotBeRecordedLeavesNoKeys) {
+    ASSERT_EQ(JoinAsAdmin(), 0u);
+    // The host forgets, the account remains.
+    std::remove(keytabFile);
+    std::ofstream(stateFile).close();
+    // What is mounted on cannot be replaced.
+    ASSERT_EQ(mount(stateFile, stateFile, nullptr, MS_BIND, nullptr), 0);
+    EXPECT_EQ(JoinAsAdmin(), 1359u);
+    EXPECT_FALSE(Exists(keytabFile));
+    EXPECT_EQ(umount2(stateFile, MNT_DETACH), 0);
+    EXPECT_EQ(JoinAsAdmin(), 0u);
+}
+
+TEST_F(AdldapTest, HostsLdapSettingsDoNoHarm) {
+    const std::string settings = Content("/etc/ldap/ldap.conf");
+    std::filesystem::create_directories("/etc/ldap");
+    std::ofstream("/etc/ldap/ldap.conf") << "SASL_SECPROPS maxssf=0,maxbufsize=0\n";
+    // libldap has read its settings in this process, so another one joins.
+    const std::string join = std::filesystem::read_symlink("/proc/self/exe").string() +
+                             " --gtest_filter=AdldapTest.JoinMakesAWorkingMember";
+    EXPECT_EQ(std::system(join.c_str()), 0);
+    std::ofstream("/etc/ldap/ldap.conf") << settings;
+    EXPECT_EQ(std::system(("LDAPSASL_SECPROPS=maxssf=0,maxbufsize=0 " + join).c_str()), 0);
 }
 
 TEST_F(AdldapTest, KeytabThatCannotBeReadIsNotReplaced) {

@@ -15,13 +15,15 @@ namespace {
 /// A name server that takes questions and says nothing.
 class SilentNameServer {
 public:
-    SilentNameServer() : socket_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    explicit SilentNameServer(const std::string& options = "")
+        : socket_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(53);
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         bound_ = bind(socket_.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-        std::ofstream("/etc/resolv.conf") << "nameserver 127.0.0.1\noptions timeout:1 attempts:1\n";
+        std::ofstream("/etc/resolv.conf")
+            << "nameserver 127.0.0.1\noptions timeout:1 attempts:1 " << options << "\n";
     }
 
     bool IsBound() const { return bound_; }
@@ -63,6 +65,14 @@ TEST(Resolver, GoesOnAskingServersThatRefuse) {
     SilentNameServer server;
     ASSERT_TRUE(server.IsBound());
     EXPECT_TRUE(resolver.Addresses("dc2.corp.example").empty());
+    EXPECT_EQ(server.TakeQuestions(), 1);
+}
+
+TEST(Resolver, AsksByDatagramWhateverTheHostPrefers) {
+    SilentNameServer server("use-vc"); // over TCP nobody listens
+    ASSERT_TRUE(server.IsBound());
+    Resolver resolver(Deadline::In(std::chrono::seconds(20)));
+    EXPECT_TRUE(resolver.Addresses("dc1.corp.example").empty());
     EXPECT_EQ(server.TakeQuestions(), 1);
 }
 
