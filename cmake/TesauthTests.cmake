@@ -40,7 +40,7 @@ set(TESAUTH_TEST_ENVIRONMENT
     TESAUTH_SOURCE_DIR=${PROJECT_SOURCE_DIR}
     TESAUTH_BINARY_DIR=${PROJECT_BINARY_DIR}
     CMAKE_GENERATOR=${CMAKE_GENERATOR} # for tests that build something
-    ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1:strict_string_checks=1
+    ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1:strict_string_checks=1:verify_asan_link_order=0
     UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
     TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1)
 
@@ -131,7 +131,6 @@ function(tesauth_lab_test name)
   endif()
   add_test(NAME ${name} COMMAND ${words} $<TARGET_FILE:${name}> ${ARG_ARGUMENTS})
   tesauth_test_properties(${name} lab 240)
-  set_tests_properties(${name} PROPERTIES PROCESSORS 2)
 endfunction()
 
 function(tesauth_lab_script name)
@@ -140,5 +139,4 @@ function(tesauth_lab_script name)
   cmake_path(ABSOLUTE_PATH ARG_SCRIPT BASE_DIRECTORY ${CMAKE_CURRENT_LIST_DIR})
   add_test(NAME ${name} COMMAND ${words} bash ${ARG_SCRIPT})
   tesauth_test_properties(${name} lab 240)
-  set_tests_properties(${name} PROPERTIES PROCESSORS 2)
 endfunction()
