@@ -36,7 +36,7 @@ public:
     /// content is in place).
     void Commit();
 
-private:
+protected:
     std::string tempName;
     std::string targetName;
 };

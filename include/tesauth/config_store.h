@@ -7,6 +7,11 @@
 
 #include "tesauth/export.h"
 
+// Whoever has the store's header, as every host with the library installed has, gets its types.
+#if __has_include("orvcfg/config_store.h")
+#include "orvcfg/config_store.h"
+#endif
+
 namespace OrvConfigStore {
 class ConfigStore;
 class ConfigStoreObjectId;
@@ -19,8 +24,8 @@ namespace authentication {
 /// configuration store.
 ///
 /// Each call is complete in itself. Every failure of the store is thrown as
-/// OrvConfigStore::ConfigStoreException, unchanged (orvcfg/config_store.h declares the store's
-/// types). Construct one object for each operation, on the thread that uses it.
+/// OrvConfigStore::ConfigStoreException, unchanged. Construct one object for each operation, on the
+/// thread that uses it.
 class TESAUTH_API ActiveDirectoryConfigStore {
 public:
     static const char* const AD_CONFIG_COMPONENT;

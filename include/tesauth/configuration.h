@@ -39,7 +39,7 @@ public:
     const std::string& operator[](const std::string& key) const;
     std::string& operator[](const std::string& key);
 
-private:
+protected:
     std::string filename;
 };
 

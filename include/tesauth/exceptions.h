@@ -40,7 +40,7 @@ public:
     /// The number of the failure, 0 for an exception that was built from a text.
     unsigned long GetCode() const { return code; }
 
-private:
+protected:
     unsigned long code;
     std::string message;
 };

@@ -28,7 +28,7 @@ public:
     /// An exception that leaves the function on a thread of its own ends there.
     static void ScheduleFunctor(Functor functor);
 
-private:
+protected:
     static Scheduler& scheduler;
 };
 
@@ -42,6 +42,7 @@ public:
     RequestState& operator=(const RequestState&) = delete;
 
     /// Marks the request finished, with the worker's error if there is one, and wakes all waiters.
+    /// Called once a request: a later error replaces the one that a waiter may be throwing.
     void Done(std::unique_ptr<Exception>&& result);
 
     /// Waits until the request is finished, at most that many seconds. A request that is finished

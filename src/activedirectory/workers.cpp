@@ -12,9 +12,10 @@ namespace {
 /// that stands for a worker that broke off.
 class RunningRequest {
 public:
-    explicit RunningRequest(const std::string& key)
-        : key_(key),
-          error_(std::make_unique<ThreadErrorException>("Unexpected thread termination")) {}
+    /// The object is complete before anything can fail here, so the request is finished even then.
+    explicit RunningRequest(const std::string& key) : RunningRequest(key, nullptr) {
+        error_ = std::make_unique<ThreadErrorException>("Unexpected thread termination");
+    }
     ~RunningRequest() { ActiveDirectoryStore::FinishRequest(key_, std::move(error_)); }
     RunningRequest(const RunningRequest&) = delete;
     RunningRequest& operator=(const RunningRequest&) = delete;
@@ -23,6 +24,9 @@ public:
     void Failed(const Exception& failure) { error_.reset(failure.Clone()); }
 
 private:
+    RunningRequest(const std::string& key, std::unique_ptr<Exception> error)
+        : key_(key), error_(std::move(error)) {}
+
     const std::string& key_;
     std::unique_ptr<Exception> error_;
 };
