@@ -39,6 +39,8 @@ tesauth_lib_test(lib_provider_test lib_provider_loading_test.cpp lib_provider_op
 tesauth_lib_test(lib_config_store_test lib_config_store_test.cpp)
 tesauth_lib_test(lib_queries_test lib_queries_test.cpp lib_refresh_test.cpp)
 tesauth_lib_test(lib_membership_test lib_host_name_test.cpp lib_membership_test.cpp)
+find_package(SQLite3 REQUIRED)
+target_link_libraries(lib_membership_test PRIVATE SQLite::SQLite3) # spoils the store's database
 tesauth_lib_test(lib_vtable_test lib_vtable_test.cpp)
 
 add_executable(lib_exit_program ${CMAKE_CURRENT_LIST_DIR}/lib_exit_program.cpp)

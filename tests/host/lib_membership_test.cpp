@@ -1,7 +1,9 @@
+#include <sqlite3.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <memory>
 
 #include "faults.h"
 #include "log_recorder.h"
@@ -47,6 +49,29 @@ protected:
         try {
             ActiveDirectoryConfigStore store;
             ADD_FAILURE() << "the store still opens";
+        } catch (const ConfigStoreException& failure) {
+            return failure.what();
+        }
+        return "";
+    }
+
+    /// The configuration store opens and can be read, but refuses changes from here on.
+    static std::string RefuseChanges() {
+        ActiveDirectoryConfigStore store;
+        sqlite3* opened = nullptr;
+        EXPECT_EQ(sqlite3_open("/var/lib/tessary/configstore.db", &opened), SQLITE_OK);
+        const std::unique_ptr<sqlite3, int (*)(sqlite3*)> database(opened, sqlite3_close);
+        EXPECT_EQ(sqlite3_exec(database.get(),
+                               "CREATE TRIGGER refuse_insert BEFORE INSERT ON object"
+                               " BEGIN SELECT RAISE(ABORT, 'refused'); END;"
+                               "CREATE TRIGGER refuse_delete BEFORE DELETE ON object"
+                               " BEGIN SELECT RAISE(ABORT, 'refused'); END;",
+                               nullptr, nullptr, nullptr),
+                  SQLITE_OK)
+            << sqlite3_errmsg(database.get());
+        try {
+            store.StoreDomainInfo("probe.example", "", "");
+            ADD_FAILURE() << "the store still takes changes";
         } catch (const ConfigStoreException& failure) {
             return failure.what();
         }
@@ -249,6 +274,17 @@ TEST_F(JoinTest, IsUndoneWhenItCannotBeStored) {
     EXPECT_EQ(provider->lastRecord("partDomain"), nullptr) << "without credentials";
 }
 
+TEST_F(JoinTest, IsUndoneWhenTheOpenedStoreRefusesTheChange) {
+    const std::string reason = RefuseChanges();
+    EXPECT_EQ(TextOf<ConfigStoreException>([&] { store.JoinDomain("corp.example", joiner, true); }),
+              reason);
+    EXPECT_EQ(Log(), (Lines{{LOG_ERR, "Failed to store domain details to Config Store: " + reason +
+                                          ".Leaving Domain..."}}));
+    EXPECT_EQ(Calls("partDomain"), 1u);
+    EXPECT_EQ(provider->lastRecord("partDomain"), nullptr) << "without credentials";
+    EXPECT_EQ(StoredDomain(), "(none)");
+}
+
 TEST_F(JoinTest, FailureToUndoItDoesNotHideTheReason) {
     const std::string reason = BreakConfigStore();
     Set("partDomain.status", "5");
@@ -290,6 +326,19 @@ TEST_F(LeaveTest, StoreThatFailsIsLoggedAndThrown) {
     EXPECT_EQ(Log(),
               (Lines{{LOG_ERR, "Failed to remove domain details from Config Store: " + reason}}));
     EXPECT_EQ(Calls("partDomain"), 1u);
+}
+
+TEST_F(LeaveTest, OpenedStoreThatRefusesTheChangeIsLoggedAndThrown) {
+    store.JoinDomain("corp.example", joiner, true);
+    RefuseChanges();
+    const std::string reason =
+        TextOf<ConfigStoreException>([] { ActiveDirectoryConfigStore().RemoveDomainInfo(); });
+    EXPECT_NE(reason.find("refused"), std::string::npos) << reason;
+    EXPECT_EQ(TextOf<ConfigStoreException>([&] { store.PartDomain(); }), reason);
+    EXPECT_EQ(Log(),
+              (Lines{{LOG_ERR, "Failed to remove domain details from Config Store: " + reason}}));
+    EXPECT_EQ(Calls("partDomain"), 1u);
+    EXPECT_EQ(StoredDomain(), "corp.example");
 }
 
 TEST_F(LeaveTest, WithCredentialsKeepsWhatIsStored) {

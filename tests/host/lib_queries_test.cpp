@@ -1,9 +1,11 @@
 #include <dlfcn.h>
 #include <syslog.h>
 
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <memory>
+#include <stdexcept>
 
 #include "faults.h"
 #include "log_recorder.h"
@@ -268,6 +270,24 @@ TEST_F(QueriesTest, ThreadThatCannotBeStarted) {
     }
 }
 
+/// What the host's scheduler throws by itself reaches the caller, and the trust state is left
+/// alone.
+TEST_F(QueriesTest, SchedulerThatThrowsAForeignException) {
+    const TestStore store(10);
+    TestStore::Cache().SetDomainTrustState(TrustStateGood);
+    int asked = 0;
+    TesauthThreadUtil::SetScheduler([&](std::function<void()>) {
+        ++asked;
+        throw std::runtime_error("no thread to spare");
+    });
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { store.GetDomainTrustState(); }),
+              "no thread to spare");
+    EXPECT_EQ(asked, 1) << "the trusted domains' worker alone";
+    EXPECT_EQ(TestStore::Cache().GetDomainTrustState(), 1u);
+    EXPECT_EQ(TestStore::InFlight(), 0u);
+    EXPECT_EQ(Log(), Lines());
+}
+
 TEST_F(QueriesTest, WaitThatFails) {
     const TestStore store(10);
     const faults::Scope scope;
@@ -300,6 +320,17 @@ TEST_F(QueriesTest, ConfigurationIsToldAsFarAsItIsKnown) {
         }
     }
     EXPECT_EQ(Log(), Lines());
+}
+
+TEST_F(QueriesTest, ConfigurationIsAskedForInOrder) {
+    const std::string callLog = "/run/configuration-calls.log";
+    std::filesystem::remove(callLog);
+    Set("log", callLog);
+    const TestStore store(10);
+    AskConfiguration(store);
+    EXPECT_EQ(ReadFile(callLog),
+              "getActiveDomain\ngetPreferredDomainControllers\ngetMachineAccountDN\n");
+    std::filesystem::remove(callLog);
 }
 
 TEST_F(QueriesTest, EachCallerGetsItsOwnConfiguration) {

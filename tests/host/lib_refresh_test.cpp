@@ -3,6 +3,7 @@
 #include <functional>
 #include <memory>
 #include <regex>
+#include <stdexcept>
 
 #include "faults.h"
 #include "log_recorder.h"
@@ -26,6 +27,7 @@ protected:
     RefreshTest() { TestStore::ResetCache(); }
     ~RefreshTest() override {
         provider->reset();
+        TesauthThreadUtil::SetScheduler(nullptr);
         EXPECT_TRUE(TestStore::WaitUntilIdle());
         TestStore::ResetCache();
     }
@@ -126,6 +128,19 @@ TEST_F(RefreshTest, FailedServicesWithoutAPolicyEndTheRefresh) {
     EXPECT_TRUE(IsEnabled("login")) << "the old list stays";
 }
 
+TEST_F(RefreshTest, FailedServicesWithoutAPolicyComeAfterTheOtherSteps) {
+    Set("getSmartCardEnabledServices.status", "5");
+    Set("getTrustedDomains.items", "lab.example:LAB");
+    store.UpdateCache(std::nullopt);
+    EXPECT_EQ(Calls("getDomainTrustState"), 1u);
+    EXPECT_EQ(Calls("getTrustedDomains"), 2u);
+    EXPECT_EQ(AskedDomains(), (Words{"corp.example", "lab.example"}));
+    EXPECT_EQ(Calls("getSmartCardEnabledServices"), 1u);
+    EXPECT_EQ(TestStore::Cache().GetDomainTrustState(), 1u);
+    EXPECT_EQ(TestStore::Cache().GetTrustedDomains().size(), 1u);
+    EXPECT_EQ(TestStore::Cache().GetDomainTrustRelationship("lab.example"), 3u);
+}
+
 TEST_F(RefreshTest, FailedServicesWithAPolicyStillStoreIt) {
     Set("getSmartCardEnabledServices.status", "5");
     store.UpdateCache(true);
@@ -214,6 +229,50 @@ TEST_F(RefreshTest, StepsTellWhetherTheySucceeded) {
     EXPECT_FALSE(store.FetchAdConfig());
     EXPECT_FALSE(store.FetchDomainTrustState());
     EXPECT_FALSE(store.FetchTrustRelationships());
+}
+
+/// The host's scheduler may throw what is none of the library's exceptions. Not all steps stop it.
+TEST_F(RefreshTest, ForeignExceptionsOfTheScheduler) {
+    store.UpdateCache(true);
+    Log();
+    TesauthThreadUtil::SetScheduler(
+        [](std::function<void()>) { throw std::runtime_error("no thread to spare"); });
+    EXPECT_FALSE(store.FetchAdConfig());
+    EXPECT_FALSE(store.FetchTrustedDomains());
+    EXPECT_FALSE(store.FetchTrustRelationships());
+    EXPECT_EQ(Log(), (Lines{{LOG_ERR, "Failed to get AD config: no thread to spare"},
+                            {LOG_ERR, "Failed to get trusted domains: no thread to spare"},
+                            {LOG_ERR, "Failed to get trust relationship for corp.example: "
+                                      "no thread to spare"},
+                            {LOG_ERR, "Failed to get trust relationship for lab.example: "
+                                      "no thread to spare"}}));
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { store.FetchDomainTrustState(); }),
+              "no thread to spare");
+    EXPECT_THROW(store.UpdateCache(false), std::runtime_error);
+    EXPECT_TRUE(PolicyIsOn()) << "what comes after the trust state is not reached";
+}
+
+TEST_F(RefreshTest, ForeignExceptionOfThePlugInWhileServicesAreFetched) {
+    InstallPlugin(THROWING_PROVIDER_FILE, "throwing");
+    WriteFile(providerFile, "provider = throwing\n");
+    const TestStore throwing(10);
+    Log();
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { throwing.FetchScEnabledSvcs(); }),
+              "thrown by the plug-in");
+    EXPECT_EQ(Log(), Lines());
+}
+
+TEST_F(RefreshTest, RelationshipOfANamelessFirstDomainIsAskedForToo) {
+    std::deque<Domain> trusted;
+    trusted.emplace_back("lab.example", "LAB");
+    TestStore::Cache().SetTrustedDomains(std::move(trusted));
+    EXPECT_TRUE(store.FetchTrustRelationships());
+    EXPECT_EQ(AskedDomains(), (Words{"", "lab.example"}));
+    Set("getDomainTrustRelationship.hang", "1");
+    const TestStore impatient(0);
+    EXPECT_TRUE(impatient.FetchTrustRelationships());
+    EXPECT_TRUE(TestStore::IsInFlight("TrustRelationship:"));
+    EXPECT_TRUE(TestStore::IsInFlight("TrustRelationship:lab.example"));
 }
 
 TEST_F(RefreshTest, ConfigurationIsFetchedThroughTheVirtualInterface) {

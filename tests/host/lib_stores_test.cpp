@@ -218,6 +218,16 @@ protected:
     NoRemoteAuthenticationStore store;
 };
 
+TEST_F(FactoryTest, NoneStoreWithoutAFactoryKnowsNoPredecessor) {
+    ASSERT_EQ(Current(), nullptr);
+    NameActive(adName);
+    NoRemoteAuthenticationStore store;
+    EXPECT_EQ(TextOf<UnknownRemoteAuthenticationStoreException>([&] { store.MakeActive(); }),
+              "The specified store 'Active Directory' is unknown");
+    EXPECT_EQ(ActiveName(), "None");
+    EXPECT_EQ(Calls("getActiveDomain"), 0u) << "nobody was torn down";
+}
+
 TEST_F(NoneStoreTest, AlreadyActiveWritesNothing) {
     WriteFile(authenticationFile, "remote-authentication-store = 'None'\nother = 1\n");
     struct stat before, after;

@@ -156,12 +156,15 @@ TEST_F(AtomicFileStreamTest, RenameThatFailsLeavesBothFiles) {
 
 TEST_F(AtomicFileStreamTest, RenameToANewTargetThatFails) {
     const faults::Scope scope;
-    faults::hooks.rename = [](const char*) { return EROFS; };
+    std::vector<std::string> renamed;
+    faults::hooks.rename = [&](const char* path) { return renamed.push_back(path), EROFS; };
     AtomicFileStream file(target.c_str(), std::ios_base::out);
     const std::string temporary = folder + "/" + Temporaries().at(0);
     EXPECT_EQ(TextOf<IOError>([&] { file.Commit(); }),
               "Unable to rename '" + temporary + "' to '" + target + "': Read-only file system");
+    EXPECT_EQ(renamed.size(), 2u) << "tried once more after the first failure";
     EXPECT_EQ(ReadFile(target), "(missing)");
+    EXPECT_EQ(ReadFile(temporary), "");
 }
 
 TEST_F(AtomicFileStreamTest, TargetThatIsAFolderStays) {
