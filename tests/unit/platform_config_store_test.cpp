@@ -132,7 +132,7 @@ TEST_F(ConfigStoreTest, DirectoryThatWasOpenedToOthersIsClosedAgain) {
 TEST_F(ConfigStoreTest, DirectoryOfAnotherUserIsLeftAlone) {
     std::filesystem::create_directory(kDirectory);
     if (chown(kDirectory, 65534, 0) != 0)
-        GTEST_SKIP() << "this host knows no other user";
+        GTEST_SKIP() << "this user namespace maps one user, so no file can be another's";
     Store();
     EXPECT_EQ(Mode(kDirectory), 0755u);
 }
