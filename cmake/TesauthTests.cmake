@@ -12,7 +12,8 @@
 #       [TIMEOUT seconds])       60 unless told
 #
 #   tesauth_lab_test(NAME        the same, besides:
-#       [DCS n]                  domain controllers: 1 unless told, or 2 that trust one another
+#       [DCS n]                  domain controllers: 1 unless told, or 2 that trust one another, or
+#                                these and a third that the first one trusts
 #       [HOSTS n]                hosts: 1 unless told
 #       [IN hostN])              run on that host of the lab; unless told the binary runs beside
 #                                the hosts and reaches them with "$TESAUTH_LAB host hostN COMMAND"

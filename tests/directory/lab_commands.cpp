@@ -189,20 +189,44 @@ Result Ctl(const std::string& host, const Words& words, const std::string& input
     return RunOn(host, all, input);
 }
 
-void UseOwnNameServer(const std::string& host) {
-    const std::string controller = Setting("DC1");
-    const Words server{"dnsmasq",
-                       "--conf-file=/dev/null",
-                       "--no-resolv",
-                       "--no-hosts",
-                       "--user=root",
-                       "--listen-address=127.0.0.1",
-                       "--bind-interfaces",
-                       "--pid-file=/run/dnsmasq.pid",
-                       "--address=/#/",
-                       "--srv-host=_ldap._tcp.dc._msdcs." + Setting("DOMAIN") + "," + controller +
-                           ",389",
-                       "--host-record=" + controller + "," + Setting("DC1_ADDRESS")};
+Result JoinAsAdmin(const std::string& host, const std::string& path) {
+    return Ctl(host, {"join", path, "-U", Setting("ADMIN"), "--password-stdin", "--json"},
+               Setting("PASSWORD") + "\n");
+}
+
+Result LeaveAsAdmin(const std::string& host) {
+    return Ctl(host, {"leave", "-U", Setting("ADMIN"), "--password-stdin", "--json"},
+               Setting("PASSWORD") + "\n");
+}
+
+void ExpectNothingLeft(const std::string& host) {
+    const Result left = RunOn(host, {"find", "/etc", "/var/lib/tessary", "-name", "krb5.keytab*",
+                                     "-o", "-name", "domain_state*"});
+    EXPECT_EQ(left.out, "") << host;
+    EXPECT_EQ(Ctl(host, {"status", "--json"}).Json()["joined"], false) << host;
+}
+
+NamedController RealController() {
+    return {Setting("DC1"), Setting("DC1_ADDRESS")};
+}
+
+void UseOwnNameServer(const std::string& host, const std::vector<NamedController>& controllers) {
+    constexpr int weight = 100;
+    Words server{"dnsmasq",           "--conf-file=/dev/null",
+                 "--no-resolv",       "--no-hosts",
+                 "--user=root",       "--listen-address=127.0.0.1",
+                 "--bind-interfaces", "--pid-file=/run/dnsmasq.pid",
+                 "--address=/#/"};
+    int priority = 0;
+    for (const NamedController& controller : controllers) {
+        server.push_back("--srv-host=_ldap._tcp.dc._msdcs." + Setting("DOMAIN") + "," +
+                         controller.name + ",389," + std::to_string(++priority) + "," +
+                         std::to_string(weight));
+        server.push_back("--host-record=" + controller.name + "," + controller.address);
+    }
+    RunOn(host, {"sh", "-c",
+                 "pid=$(cat /run/dnsmasq.pid) && kill \"$pid\" && "
+                 "while kill -0 \"$pid\"; do sleep 0.01; done"});
     const Result started = RunOn(host, server);
     EXPECT_EQ(started.status, 0) << started.err;
     const Result settings = RunOn(host, {"tee", "/etc/resolv.conf"}, "nameserver 127.0.0.1\n");

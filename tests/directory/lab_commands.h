@@ -61,9 +61,28 @@ Result RunOn(const std::string& host, const Words& words, const std::string& inp
 /// Runs `tesauthctl` on a host.
 Result Ctl(const std::string& host, const Words& words, const std::string& input = "");
 
-/// Gives a host a name server of its own, which knows the first domain's only controller and
-/// answers whatever becomes of that.
-void UseOwnNameServer(const std::string& host);
+/// `tesauthctl join PATH` or `tesauthctl leave` as the first domain's administrator, with --json.
+Result JoinAsAdmin(const std::string& host, const std::string& path = Setting("DOMAIN"));
+Result LeaveAsAdmin(const std::string& host);
+
+/// Fails the test if a host has keys, a membership, or files that were to become one of these.
+void ExpectNothingLeft(const std::string& host);
+
+/// A domain controller as a name server tells of it.
+struct NamedController {
+    std::string name;
+    std::string address;
+};
+
+/// The first domain's only controller.
+NamedController RealController();
+
+/// Gives a host a name server of its own, which answers whatever becomes of the lab's: it knows the
+/// first domain's service record and no other name. One that the host had before is replaced.
+/// \param controllers what the record names, each with the next lower priority; the real
+///        controller must be among them where a host is to join
+void UseOwnNameServer(const std::string& host,
+                      const std::vector<NamedController>& controllers = {RealController()});
 
 /// An object of the directory: the values of its attributes. Its name is the attribute "dn".
 using Entry = std::multimap<std::string, std::string>;

@@ -7,7 +7,29 @@ address_of() { # MACHINE
         lab) echo 10.99.0.1 ;;
         dc1) echo 10.99.0.10 ;;
         dc2) echo 10.99.0.20 ;;
+        dc3) echo 10.99.0.30 ;;
         host*) echo 10.99.0.$((100 + ${1#host})) ;;
+    esac
+}
+
+# Nothing where the kernel has no IPv6.
+address6_of() { # MACHINE
+    local address
+    [ -e "$dir/ipv6" ] || return 0
+    address=$(address_of "$1")
+    echo "fd99::${address##*.}"
+}
+
+addresses_of() { # MACHINE
+    address_of "$1"
+    address6_of "$1"
+}
+
+domain_of() { # MACHINE
+    case $1 in
+        dc2) echo lab.example ;;
+        dc3) echo third.example ;;
+        *) echo corp.example ;;
     esac
 }
 
@@ -21,16 +43,50 @@ is_machine() { # NAME
     grep -qxF "$1" "$dir/names"
 }
 
+# Lists all machines' addresses once: with many hosts everybody needs them often.
+list_addresses() { # NAME...
+    local name address
+    for name; do
+        for address in $(addresses_of "$name"); do
+            echo "$name $address $(hardware_of "$name")"
+        done
+    done >"$dir/addresses"
+}
+
 # Every machine knows the others' hardware addresses for good. One that is cut off can then not be
 # told from one that says nothing: without that the kernel finds nobody home after three seconds.
-know_neighbours() { # MACHINE DEVICE NAME...
-    local machine=$1 device=$2 name
-    shift 2
-    for name; do
-        [ "$name" = "$machine" ] ||
-            echo "neigh replace $(address_of "$name") lladdr $(hardware_of "$name")" \
-                "dev $device nud permanent"
+know_neighbours() { # MACHINE DEVICE
+    local name address hardware
+    while read -r name address hardware; do
+        [ "$name" = "$1" ] ||
+            echo "neigh replace $address lladdr $hardware dev $2 nud permanent"
+    done <"$dir/addresses"
+}
+
+# Nobody else has the address; without "nodad" a second would pass before it can be used.
+take_addresses() { # MACHINE DEVICE
+    local address
+    for address in $(addresses_of "$1"); do
+        case $address in
+            *:*) echo "address replace $address/64 dev $2 nodad" ;;
+            *) echo "address replace $address/24 dev $2" ;;
+        esac
     done
+}
+
+# Brings the machine onto the network, whatever has been done to that end of it since.
+connect_machine() { # NAME
+    nsenter "--net=/run/netns/$1" ip -6 route flush table main 2>/dev/null
+    nsenter "--net=/run/netns/$1" ip -batch - <<END
+link set lo up
+link set eth0 up
+neigh flush dev eth0 nud all
+route flush table main
+address flush dev eth0
+$(take_addresses "$1" eth0)
+route add default via 10.99.0.1
+$(know_neighbours "$1" eth0)
+END
 }
 
 lay_network() { # CONTROLLERS HOSTS
@@ -38,39 +94,31 @@ lay_network() { # CONTROLLERS HOSTS
     for ((i = 1; i <= $1; i++)); do names+=("dc$i"); done
     for ((i = 1; i <= $2; i++)); do names+=("host$i"); done
     printf '%s\n' "${names[@]:1}" >"$dir/names"
+    ip link add lan address "$(hardware_of lab)" type bridge forward_delay 0 &&
+        ip link set lan up || return
+    ! ip address add fd99::1/64 dev lan nodad 2>/dev/null || touch "$dir/ipv6"
+    list_addresses "${names[@]}"
     ip -batch - <<END || return
-link add lan address $(hardware_of lab) type bridge forward_delay 0
-link set lan up
-address add 10.99.0.1/24 dev lan
-$(know_neighbours lab lan "${names[@]}")
+$(take_addresses lab lan)
+$(know_neighbours lab lan)
 END
     for name in "${names[@]:1}"; do
         ip netns add "$name" &&
             ip link add "$name" type veth peer name eth0 netns "$name" \
                 address "$(hardware_of "$name")" &&
             ip link set "$name" master lan up &&
-            nsenter "--net=/run/netns/$name" ip -batch - <<END || return
-link set lo up
-link set eth0 up
-address add $(address_of "$name")/24 dev eth0
-route add default via 10.99.0.1
-$(know_neighbours "$name" eth0 "${names[@]}")
-END
+            connect_machine "$name" || return
     done
 }
 
-# Each controller forwards questions about the other's domain to the lab. If they asked one another,
+# Each controller forwards questions about the others' domains to the lab. If they asked one another,
 # a question about any third name would go round between them.
 start_names() {
     local options=(--no-resolv --no-hosts --no-daemon --conf-file=/dev/null --user=root
         --listen-address=10.99.0.1 --bind-interfaces --cache-size=0 "--address=/#/")
-    local name reverse
-    for name in $(<"$dir/names"); do
-        reverse=$(address_of "$name")
-        case $name in
-            dc1) options+=("--server=/corp.example/$reverse") ;;
-            dc2) options+=("--server=/lab.example/$reverse") ;;
-        esac
+    local name
+    for name in $(grep '^dc' "$dir/names"); do
+        options+=("--server=/$(domain_of "$name")/$(address_of "$name")")
     done
     with_tools dnsmasq "${options[@]}" </dev/null >"$dir/names.log" 2>&1 &
 }
@@ -111,8 +159,8 @@ wake_machine() { # NAME
 
 # What the machine's administrator would have set up.
 introduce() { # NAME
-    local domain=corp.example server
-    [ "$1" != dc2 ] || domain=lab.example
+    local domain server
+    domain=$(domain_of "$1")
     server=$(address_of dc1)
     [[ $1 != dc* ]] || server=$(address_of "$1")
     printf '127.0.0.1\tlocalhost\n%s\t%s.%s %s\n' "$(address_of "$1")" "$1" "$domain" "$1" |
@@ -138,7 +186,7 @@ lab_fresh() { # NAME
     [[ $1 == host* ]] || sorry 2 "$1 is no host"
     [ ! -s "$dir/machines/$1" ] || kill -KILL "$(<"$dir/machines/$1.leader")"
     rm -f "$dir/machines/$1" "$dir/machines/$1.leader"
-    wake_machine "$1"
+    connect_machine "$1" && wake_machine "$1"
 }
 
 lab_on() { # NAME COMMAND...

@@ -11,6 +11,7 @@ from samba.ndr import ndr_pack, ndr_unpack
 from samba.param import LoadParm
 from samba.samdb import SamDB
 
+only_in = {"corp.example": ["bea"], "lab.example": ["bob"], "third.example": ["carl"]}
 COMPUTER = "bf967a86-0de6-11d0-a285-00aa003049e2"  # the class's schemaIDGUID
 
 
@@ -43,6 +44,19 @@ def delegate_computers(samdb, unit, sid):
     replace(samdb, unit, nTSecurityDescriptor=ndr_pack(descriptor))
 
 
+def add_awkward_user(samdb, base, password):
+    """One whose place in the directory is a test of everything that writes or takes it apart."""
+    people = f"OU=People,{base}"
+    unit = f"OU=Ops/On call,{people}"
+    for each in (people, unit):
+        samdb.add({"dn": each, "objectClass": "organizationalUnit"})
+    samdb.newuser("eve", password)
+    dn = ldb.Dn(samdb, unit)
+    dn.add_child(ldb.Dn(samdb, "CN=x"))
+    dn.set_component(0, "CN", "Smith, Eve (ops)*")
+    samdb.rename(find_user(samdb, "eve")[0], dn)
+
+
 def main():
     parameters = LoadParm()
     parameters.load_default()
@@ -51,6 +65,7 @@ def main():
     password = os.environ["TESAUTH_LAB_USER_PASSWORD"]
 
     with_accounts = ["alice", "joiner", "dave", "erin", "frank", "lena"]
+    with_accounts += only_in.get(samdb.domain_dns_name(), [])
     samdb.transaction_start()
     # Otherwise every user may make ten computers, anywhere.
     replace(samdb, base, ms_DS_MachineAccountQuota="0")
@@ -60,6 +75,12 @@ def main():
     replace(samdb, find_user(samdb, "erin")[0], pwdLastSet="0")
     replace(samdb, find_user(samdb, "frank")[0], accountExpires=str(nt_time(time.time() - 86400)))
     replace(samdb, find_user(samdb, "lena")[0], lockoutTime=str(nt_time(time.time())))
+
+    if "bea" in with_accounts:
+        partitions = f"CN=Partitions,{samdb.get_config_basedn()}"
+        replace(samdb, partitions, uPNSuffixes="upn.example")
+        replace(samdb, find_user(samdb, "bea")[0], userPrincipalName="bea.long@upn.example")
+        add_awkward_user(samdb, base, password)
 
     servers = f"OU=Servers,{base}"
     for unit in (servers, f"OU=Hosts,{servers}"):
