@@ -33,7 +33,7 @@ const char* DomainState::Path() {
 }
 
 std::vector<std::string> DomainState::KeytabPrincipals() const {
-    std::vector<std::string> principals{account + "@" + realm};
+    std::vector<std::string> principals{AccountPrincipal()};
     for (const char* service : {"host/", "RestrictedKrbHost/"})
         for (const std::string& name : {shortName, fullName})
             principals.push_back(service + name + "@" + realm);

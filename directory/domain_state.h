@@ -22,7 +22,9 @@ struct DomainState {
     std::string shortName; ///< the host's names in the keytab
     std::string fullName;
 
-    /// Complete names of the principals whose keys the host has.
+    /// The complete name that the host logs in with: "WEB1$@CORP.EXAMPLE".
+    std::string AccountPrincipal() const { return account + "@" + realm; }
+    /// Complete names of the principals whose keys the host has: the account's and its services'.
     std::vector<std::string> KeytabPrincipals() const;
 
     /// Whether a text is one of the domain's two names.

@@ -24,6 +24,7 @@ enum class Status : std::uint32_t {
     InvalidUserName = 1315,     ///< not a well-formed user name
     NoSuchUser = 1317,          ///< the domain has no such user
     PasswordRefused = 1325,     ///< the domain's password policy refuses the new password
+    LogonFailure = 1326,        ///< a prepared account, or its password, is not known yet
     PasswordExpired = 1330,     ///< the password has expired or must be changed first
     AccountDisabled = 1331,     ///< the account is disabled, locked or expired
     NoSuchDomain = 1355,        ///< the name is not one of a domain
@@ -32,6 +33,7 @@ enum class Status : std::uint32_t {
     MachineKeyRejected = 1786,  ///< the host's own key is missing or not accepted
     NoMachineAccount = 1787,    ///< the domain has no account for the host
     CallInProgress = 1791,      ///< another join or leave is running
+    DomainMismatch = 1810,      ///< the domain is not the one that was described
     AlreadyJoined = 2691,       ///< the host is joined to another domain
     TimedOut = 10060            ///< a controller was found and did not answer in time
 };

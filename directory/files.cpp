@@ -119,16 +119,23 @@ std::optional<std::string> ReadFile(const std::string& path) {
 
 Secret ReadSecretFile(const std::string& path) {
     const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    struct stat information {};
-    if (!fd || fstat(fd.Get(), &information) != 0)
+    if (!fd)
         ThrowFileError(errno, "cannot read " + path);
+    return ReadSecretFile(fd.Get(), path);
+}
+
+Secret ReadSecretFile(int file, const std::string& name) {
+    struct stat information {};
+    if (fstat(file, &information) != 0)
+        ThrowFileError(errno, "cannot read " + name);
     Secret bytes(static_cast<std::size_t>(information.st_size));
     for (std::size_t done = 0; done < bytes.Size();) {
-        const ssize_t got = read(fd.Get(), bytes.Data() + done, bytes.Size() - done);
+        const ssize_t got =
+            pread(file, bytes.Data() + done, bytes.Size() - done, static_cast<off_t>(done));
         if (got > 0)
             done += static_cast<std::size_t>(got);
         else if (got == 0 || errno != EINTR)
-            ThrowFileError(got == 0 ? EIO : errno, "cannot read " + path);
+            ThrowFileError(got == 0 ? EIO : errno, "cannot read " + name);
     }
     return bytes;
 }

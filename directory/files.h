@@ -54,7 +54,7 @@ private:
 /// Keeps other threads and processes from changing the same files. It is a file in stateDirectory.
 class StateLock {
 public:
-    /// \param name what is locked: see membershipLock, preferenceLock
+    /// \param name what is locked: see membershipLock, listLock
     /// \throws Error CallInProgress when the other has not finished by the deadline
     StateLock(const char* name, const Deadline& deadline);
 
@@ -64,8 +64,8 @@ private:
 
 /// Joining and leaving: the membership and the keytab.
 inline constexpr char membershipLock[] = "domain_lock";
-/// The list of preferred controllers.
-inline constexpr char preferenceLock[] = "preferred_lock";
+/// The lists of stored_list.h.
+inline constexpr char listLock[] = "list_lock";
 
 /// \return the file's text, or nothing when there is no such file
 std::optional<std::string> ReadFile(const std::string& path);
@@ -73,6 +73,9 @@ std::optional<std::string> ReadFile(const std::string& path);
 /// \return the bytes of a file that has keys in it
 /// \throws Error also when there is no such file
 Secret ReadSecretFile(const std::string& path);
+/// \param file read from its beginning
+/// \param name of the file, for the Error's text
+Secret ReadSecretFile(int file, const std::string& name);
 
 /// Removes a file; one that is not there counts as removed.
 void RemoveFile(const std::string& path);

@@ -2,19 +2,19 @@
 
 #include "domain_state.h"
 #include "error.h"
+#include "key_change.h"
 #include "keytab.h"
 #include "machine_account.h"
-#include "names.h"
-#include "secret.h"
+#include "machine_login.h"
 #include "session.h"
-#include "sid.h"
+#include "text.h"
 
-#include <utility>
+#include <algorithm>
 
 namespace tessary::directory {
 namespace {
 
-/// Deletes an account that a join has created, unless the join came to its end.
+/// Takes a machine account back unless the join gets to its end.
 class CreatedAccount {
 public:
     CreatedAccount(MachineAccounts& accounts, const MachineAccount& account,
@@ -36,79 +36,191 @@ private:
     bool undo_;
 };
 
-std::string NetbiosName(Session& session) {
-    const Controller& where = session.Where();
-    const auto partitions = session.Ldap().Search(
-        "CN=Partitions," + where.configurationDn, LDAP_SCOPE_ONELEVEL,
-        "(&(objectClass=crossRef)(nCName=" + EscapeFilterValue(where.baseDn) + ")(nETBIOSName=*))",
-        {"nETBIOSName"}, session.End());
-    return partitions.empty() ? "" : partitions.front().Value("nETBIOSName");
+/// The host's side of a join: the keys and the record of the membership. What the host itself may
+/// refuse it refuses in the constructor, before the directory is changed.
+class Enrolment {
+public:
+    /// \param state  what the membership will be, but for the account's place
+    /// \param before what it is now
+    /// \param change of the account's key, when the host has that account's key already
+    Enrolment(Session& session, const DomainState& state, const std::optional<DomainState>& before,
+              const KeyChange* change)
+        : session_(session), state_(state), replaced_(state.KeytabPrincipals()),
+          wasMember_(before.has_value()), file_(DomainState::Path()) {
+        if (before)
+            for (std::string& principal : before->KeytabPrincipals())
+                replaced_.push_back(std::move(principal));
+        keytab_.emplace(session.Kerberos().Context(), [&](const KeytabEntryName& entry) {
+            return !IsReplaced(entry.principal) ||
+                   (change && change->IsOfAccount(entry.principal) && change->Stays(entry));
+        });
+    }
+
+    /// \param keys of the account as far as they are known already; may be empty or a guess
+    void Complete(MachineAccounts& accounts, const MachineAccount& account,
+                  std::vector<AccountKey> keys, const Secret& password) {
+        state_.accountDn = account.dn;
+        const PendingSearch version = accounts.StartKeyVersion(account.dn);
+        if (keys.empty() || !AreRight(keys)) {
+            keys = session_.Kerberos().MakeKeys(state_.account, password);
+            Verify(keys);
+        }
+        keytab_->Add(state_.KeytabPrincipals(), accounts.FinishKeyVersion(version), keys);
+        state_.Prepare(file_);
+
+        keytab_->Commit();
+        try {
+            file_.Commit();
+        } catch (...) {
+            // Only on a host that was joined already, with an account that stays, are the new keys
+            // of use: they are the only ones that the domain accepts now.
+            if (account.created || !wasMember_)
+                KeytabReplacement(session_.Kerberos().Context(), replaced_).Commit();
+            throw;
+        }
+    }
+
+private:
+    bool IsReplaced(const std::string& principal) const {
+        return std::find(replaced_.begin(), replaced_.end(), principal) != replaced_.end();
+    }
+
+    /// Proves that the domain accepts the keys, before they are put in force.
+    void Verify(const std::vector<AccountKey>& keys) {
+        KeytabInMemory keytab(session_.Kerberos().Context());
+        keytab.Add({state_.AccountPrincipal()}, 1, keys);
+        KerberosSession machine(session_.Where().realm, FinderFor(session_.Where(), session_.End()),
+                                session_.End());
+        LogInAsMachine(machine, state_.account, keytab.Name());
+    }
+
+    bool AreRight(const std::vector<AccountKey>& keys) {
+        try {
+            Verify(keys);
+            return true;
+        } catch (const Error& error) {
+            if (error.Code() != Status::MachineKeyRejected)
+                throw;
+            return false;
+        }
+    }
+
+    Session& session_;
+    DomainState state_;
+    std::vector<std::string> replaced_; // principals
+    bool wasMember_;
+    std::optional<KeytabReplacement> keytab_;
+    Replacement file_;
+};
+
+/// What every join begins with. Lives until its end.
+struct Beginning {
+    explicit Beginning(const std::string& domainName)
+        : domain(NormalizeDomainName(domainName)), names(HostNames::OfThisHost(domain)),
+          lock(membershipLock, deadline), before(DomainState::Load()) {
+        if (before && !before->IsNamed(domain))
+            throw Error(Status::AlreadyJoined, "the host is joined to " + before->domain);
+    }
+
+    const Deadline deadline = Deadline::In(membershipTime);
+    const std::string domain;
+    HostNames names;
+    const StateLock lock;
+    const std::optional<DomainState> before;
+};
+
+DomainState StateOf(const Session& session, const HostNames& names, const Surroundings& around) {
+    DomainState state;
+    state.domain = session.Where().domain;
+    state.realm = session.Where().realm;
+    state.netbiosName = around.netbiosName;
+    state.domainSid = around.domainSid;
+    state.account = names.AccountName();
+    state.shortName = names.shortName;
+    state.fullName = names.fullName;
+    return state;
 }
 
-/// Proves that the domain accepts the key in a keytab, before that is put in force.
-void Verify(Session& session, const std::string& account, const std::string& keytab) {
-    KerberosSession machine(session.Where().realm, FinderFor(session.Where(), session.End()),
-                            session.End());
-    LogInAsMachine(machine, account, keytab);
+/// What fails here shows when the keys are not there.
+void GuessKeys(KerberosSession& kerberos, const std::string& account, const Secret& password,
+               std::vector<AccountKey>& keys) noexcept {
+    try {
+        keys = kerberos.GuessKeys(account, password);
+    } catch (const std::exception&) {
+        keys.clear();
+    }
 }
 
-void RefuseOtherDomain(const std::optional<DomainState>& state, const std::string& domain) {
-    if (state && !state->IsNamed(domain))
-        throw Error(Status::AlreadyJoined, "the host is joined to " + state->domain);
+void ExpectSame(const std::string& what, const std::string& described, const std::string& found) {
+    if (!described.empty() && !EqualNames(described, found))
+        throw Error(Status::DomainMismatch,
+                    "the domain's " + what + " is " + found + ", not " + described);
 }
 
 } // namespace
 
 void JoinDomain(const std::string& domain, const std::string& unit, const std::string& user,
                 const char* password) {
-    const Deadline deadline = Deadline::In(membershipTime);
-    const std::string wanted = NormalizeDomainName(domain);
     const UserName userName = UserName::Parse(user);
-    const HostNames names = HostNames::OfThisHost(wanted);
-    const StateLock lock(membershipLock, deadline);
-    const std::optional<DomainState> before = DomainState::Load();
-    RefuseOtherDomain(before, wanted);
-
-    Session session(LocateController(wanted, {}, deadline), userName, password, deadline);
-    DomainState state;
-    state.domain = session.Where().domain;
-    state.realm = session.Where().realm;
-    state.netbiosName = NetbiosName(session);
-    state.domainSid = SidText(
-        session.Ldap().Read(session.Where().baseDn, {"objectSid"}, deadline).Value("objectSid"));
-    state.account = names.AccountName();
-    state.shortName = names.shortName;
-    state.fullName = names.fullName;
-    std::vector<std::string> replaced = state.KeytabPrincipals();
-    if (before)
-        for (std::string& principal : before->KeytabPrincipals())
-            replaced.push_back(std::move(principal));
-
-    // Whatever the host itself may refuse comes before the directory is changed.
-    KeytabReplacement keytab(session.Kerberos().Context(), replaced);
-    Replacement stateFile(DomainState::Path());
-
-    const Secret machinePassword = MakeMachinePassword();
+    const Beginning begun(domain);
+    Session session(LocateController(begun.domain, {}, begun.deadline), userName, password,
+                    begun.deadline);
     MachineAccounts accounts(session);
-    const MachineAccount account = accounts.Prepare(names, unit, machinePassword);
-    CreatedAccount created(accounts, account, state.account);
-    state.accountDn = account.dn;
-    keytab.Add(state.KeytabPrincipals(), accounts.KeyVersion(account.dn),
-               session.Kerberos().MakeKeys(state.account, machinePassword));
-    Verify(session, state.account, keytab.Name());
-    state.Prepare(stateFile);
+    const Surroundings around = accounts.LookAround(begun.names.AccountName(), unit);
+    const DomainState state = StateOf(session, begun.names, around);
+    const Secret machinePassword = MakeMachinePassword();
 
-    keytab.Commit();
+    std::vector<AccountKey> keys;
+    std::optional<KeyChange> change;
+    if (around.account && begun.before &&
+        begun.before->AccountPrincipal() == state.AccountPrincipal()) {
+        change.emplace(session.Kerberos().Context(), state,
+                       MachineAccounts::KeyVersionOf(*around.account));
+        keys = session.Kerberos().MakeKeys(state.account, machinePassword);
+        change->Stage(keys);
+    }
+    Enrolment enrolment(session, state, begun.before, change ? &*change : nullptr);
+    MachineAccount account;
     try {
-        stateFile.Commit();
-    } catch (...) {
-        // Only on a host that was joined already, with an account that stays, are the new keys of
-        // use: they are the only ones that the domain accepts now.
-        if (account.created || !before)
-            KeytabReplacement(session.Kerberos().Context(), replaced).Commit();
+        account = accounts.Prepare(begun.names, around, machinePassword, [&]() noexcept {
+            GuessKeys(session.Kerberos(), state.account, machinePassword, keys);
+        });
+    } catch (const Error& error) {
+        if (change && !KeyChange::MayStillHappen(error))
+            change->TakeBack();
         throw;
     }
+    CreatedAccount created(accounts, account, state.account);
+    enrolment.Complete(accounts, account, std::move(keys), machinePassword);
     created.Keep();
+}
+
+void JoinDomainWithAccount(const DomainDescription& domain, const PreparedAccount& prepared) {
+    Beginning begun(domain.dnsName);
+    begun.names.account = prepared.name.substr(0, prepared.name.find('$'));
+    if (begun.names.account.empty())
+        throw Error(Status::InvalidParameter, "the prepared account has no name");
+    const UserName self{begun.names.AccountName(), ""};
+    std::optional<Session> session;
+    try {
+        session.emplace(LocateController(begun.domain, {}, begun.deadline), self, prepared.password,
+                        begun.deadline);
+    } catch (const Error& error) {
+        // The account may be so new that not every controller knows it, or its password, yet.
+        if (error.Code() == Status::NoSuchUser || error.Code() == Status::WrongPassword)
+            throw Error(Status::LogonFailure, error.what());
+        throw;
+    }
+    MachineAccounts accounts(*session);
+    const Surroundings around = accounts.LookAround(begun.names.AccountName(), "");
+    ExpectSame("security identifier", domain.sid, around.domainSid);
+    ExpectSame("NetBIOS name", domain.netbiosName, around.netbiosName);
+    if (!around.account)
+        throw Error(Status::NoMachineAccount, "the account " + self.name + " cannot be seen");
+    Enrolment enrolment(*session, StateOf(*session, begun.names, around), begun.before, nullptr);
+    const Secret machinePassword = MakeMachinePassword();
+    accounts.ReplacePassword(*around.account, begun.names, prepared.password, machinePassword);
+    enrolment.Complete(accounts, {around.account->dn, false}, {}, machinePassword);
 }
 
 } // namespace tessary::directory

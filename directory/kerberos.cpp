@@ -7,8 +7,10 @@
 
 #include <gssapi/gssapi_ext.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <new>
 #include <utility>
@@ -17,17 +19,20 @@ namespace tessary::directory {
 namespace {
 
 constexpr std::chrono::seconds exchangeTime{5};
+constexpr std::int64_t clockSkew = 300; // seconds that a login allows
 
 struct Meaning {
     krb5_error_code code;
     Status status;
+    const char* text = nullptr; // null: the library's
 };
 
 const Meaning meanings[] = {
-    {KRB5KDC_ERR_C_PRINCIPAL_UNKNOWN, Status::NoSuchUser},
-    {KRB5KDC_ERR_PREAUTH_FAILED, Status::WrongPassword},
+    {KRB5KDC_ERR_C_PRINCIPAL_UNKNOWN, Status::NoSuchUser, "the domain has no such account"},
+    {KRB5KDC_ERR_PREAUTH_FAILED, Status::WrongPassword, "the password or the key is wrong"},
     {KRB5KRB_AP_ERR_BAD_INTEGRITY, Status::WrongPassword},
-    {KRB5KDC_ERR_CLIENT_REVOKED, Status::AccountDisabled},
+    {KRB5KDC_ERR_CLIENT_REVOKED, Status::AccountDisabled,
+     "the account may not be used now, probably because it is locked out"},
     {KRB5KDC_ERR_NAME_EXP, Status::AccountDisabled},
     {KRB5KDC_ERR_KEY_EXP, Status::PasswordExpired},
     {KRB5KRB_AP_ERR_SKEW, Status::ClockSkew},
@@ -45,6 +50,59 @@ const Meaning meanings[] = {
     {KRB5_PARSE_MALFORMED, Status::InvalidUserName},
 };
 
+struct AccountState {
+    std::uint32_t ntStatus;
+    const char* text;
+};
+
+constexpr AccountState accountStates[] = {
+    {0xC000006F, "the account may not log in at this time"},
+    {0xC0000070, "the account may not log in from this computer"},
+    {0xC0000071, "the password has expired"},
+    {0xC0000072, "the account is disabled"},
+    {0xC0000193, "the account has expired"},
+    {0xC0000224, "the password must be changed first"},
+    {0xC0000234, "the account is locked out"},
+};
+
+/// What an Active Directory controller adds to its refusal of a login: one Kerberos error stands
+/// for several states of an account, and a number tells them apart. It comes as pre-authentication
+/// data of type 3 with twelve bytes, of which the encoding leaves no choice.
+std::string StateOfAccount(const krb5_data& errorData) {
+    constexpr std::string_view prefix("\xA1\x03\x02\x01\x03\xA2\x0E\x04\x0C", 9);
+    constexpr std::size_t numberSize = 4;
+    const std::string_view data(errorData.data, errorData.length);
+    const std::size_t found = data.find(prefix);
+    if (found == std::string_view::npos || data.size() < found + prefix.size() + numberSize)
+        return "";
+    std::uint32_t ntStatus = 0;
+    for (std::size_t i = numberSize; i-- > 0;)
+        ntStatus = ntStatus << 8 | static_cast<unsigned char>(data[found + prefix.size() + i]);
+    for (const AccountState& state : accountStates)
+        if (state.ntStatus == ntStatus)
+            return state.text;
+    return "";
+}
+
+/// How far the host's clock is from that of the controller that says so.
+std::string ClockOffset(const krb5_error& refusal) {
+    const std::time_t offset = std::time(nullptr) - static_cast<std::time_t>(refusal.stime);
+    const std::time_t minutes = (std::abs(offset) + 30) / 60;
+    const std::string amount = minutes < 120       ? std::to_string(minutes) + " minutes"
+                               : minutes < 72 * 60 ? std::to_string(minutes / 60) + " hours"
+                                                   : std::to_string(minutes / (24 * 60)) + " days";
+    return "this host's clock is " + amount + (offset > 0 ? " ahead of" : " behind") +
+           " the domain controller's";
+}
+
+/// Whether a controller's clock differs from this host's by more than a login allows. With a wrong
+/// clock a controller looks at the password first, and it must not be blamed: the right one would
+/// have been refused as well.
+bool IsFarFromNow(krb5_timestamp time) {
+    const auto now = static_cast<std::int64_t>(std::time(nullptr));
+    return std::abs(now - static_cast<std::uint32_t>(time)) > clockSkew;
+}
+
 std::string Message(krb5_context context, krb5_error_code code) {
     const char* text = krb5_get_error_message(context, code);
     const std::string result(text);
@@ -55,6 +113,7 @@ std::string Message(krb5_context context, krb5_error_code code) {
 using InitialOptions = KerberosOwner<krb5_get_init_creds_opt*, krb5_get_init_creds_opt_free>;
 using InitialRequest = KerberosOwner<krb5_init_creds_context, krb5_init_creds_free>;
 using Credentials = KerberosOwner<krb5_creds*, krb5_free_creds>;
+using ErrorMessage = KerberosOwner<krb5_error*, krb5_free_error>;
 
 using Data = KerberosContents<krb5_data, krb5_free_data_contents>;
 
@@ -96,9 +155,9 @@ private:
 };
 
 KerberosSession::KerberosSession(const std::string& realm, KdcFinder findKdc,
-                                 const Deadline& deadline)
+                                 const Deadline& deadline, const std::string& passwordServer)
     : realm_(realm), findKdc_(std::move(findKdc)), deadline_(deadline) {
-    context_ = MakeKerberosContext(realm);
+    context_ = MakeKerberosContext(realm, passwordServer);
     krb5_set_kdc_send_hook(context_, Exchange, this);
     const krb5_error_code code = krb5_cc_new_unique(context_, "MEMORY", nullptr, &cache_);
     if (code != 0) {
@@ -137,27 +196,33 @@ krb5_error_code KerberosSession::Exchange(krb5_context, void* self, const krb5_d
     }
 }
 
-void KerberosSession::Check(krb5_error_code code, const std::string& what) {
+void KerberosSession::Check(krb5_error_code code, const std::string& what,
+                            const std::string& knownReason) {
     // An exchange may have failed without harm, the library having gone another way.
     const auto exchangeError = std::exchange(exchangeError_, std::nullopt);
     if (code == 0)
         return;
     if (exchangeError && code == KRB5_KDC_UNREACH)
         throw Error(exchangeError->Code(), what + ": " + exchangeError->what());
-    const std::string text = what + ": " + Message(context_, code);
-    for (const Meaning& meaning : meanings)
-        if (meaning.code == code)
-            throw Error(meaning.status, text);
-    throw Error(Status::InternalError, text);
+    const auto text = [&](const std::string& reason) { return what + ": " + reason; };
+    for (const Meaning& meaning : meanings) {
+        if (meaning.code != code)
+            continue;
+        const std::string usual = meaning.text ? meaning.text : Message(context_, code);
+        throw Error(meaning.status, text(knownReason.empty() ? usual : knownReason));
+    }
+    throw Error(Status::InternalError, text(Message(context_, code)));
 }
 
 void KerberosSession::GetInitialTicket(
-    const Principal& client, bool canonical,
+    const Principal& client, const TicketOptions& wanted, const std::string& what,
     const std::function<krb5_error_code(krb5_init_creds_context)>& setKey) {
-    const std::string what = "cannot log in to " + realm_;
     InitialOptions options(context_);
     Check(krb5_get_init_creds_opt_alloc(context_, options.Out()), what);
-    krb5_get_init_creds_opt_set_canonicalize(options.Get(), canonical);
+    krb5_get_init_creds_opt_set_canonicalize(options.Get(), wanted.canonical);
+    krb5_preauthtype proof[] = {KRB5_PADATA_ENC_TIMESTAMP};
+    if (wanted.proofAtOnce)
+        krb5_get_init_creds_opt_set_preauth_list(options.Get(), proof, 1);
     krb5_get_init_creds_opt_set_forwardable(options.Get(), 0);
     Check(krb5_get_init_creds_opt_set_out_ccache(context_, options.Get(), cache_), what);
 
@@ -165,10 +230,22 @@ void KerberosSession::GetInitialTicket(
     Check(krb5_init_creds_init(context_, client.Get(), nullptr, nullptr, 0, options.Get(),
                                request.Out()),
           what);
+    if (wanted.service)
+        Check(krb5_init_creds_set_service(context_, request.Get(), wanted.service), what);
     Check(setKey(request.Get()), what);
     // One attempt: the library's one-call form asks a second time after a wrong password, which
     // brings the account closer to its lock-out.
-    Check(krb5_init_creds_get(context_, request.Get()), what);
+    krb5_error_code code = krb5_init_creds_get(context_, request.Get());
+    ErrorMessage refusal(context_);
+    std::string reason;
+    if (code != 0 && krb5_init_creds_get_error(context_, request.Get(), refusal.Out()) == 0 &&
+        refusal.Get()) {
+        if (code == KRB5KDC_ERR_PREAUTH_FAILED && IsFarFromNow(refusal.Get()->stime))
+            code = KRB5KRB_AP_ERR_SKEW;
+        reason = code == KRB5KRB_AP_ERR_SKEW ? ClockOffset(*refusal.Get())
+                                             : StateOfAccount(refusal.Get()->e_data);
+    }
+    Check(code, what, reason);
 }
 
 void KerberosSession::LogIn(const UserName& user, const std::string& domain, const char* password) {
@@ -177,30 +254,40 @@ void KerberosSession::LogIn(const UserName& user, const std::string& domain, con
     const Principal client = own ? Principal(*this, KRB5_NT_PRINCIPAL, realm_, {user.name})
                                  : Principal(*this, KRB5_NT_ENTERPRISE_PRINCIPAL, realm_,
                                              {user.name + "@" + user.domain});
-    GetInitialTicket(client, !own, [&](krb5_init_creds_context request) {
+    const std::string what = "cannot log in to " + realm_ + " as " + user.name;
+    GetInitialTicket(client, {.canonical = !own}, what, [&](krb5_init_creds_context request) {
         return krb5_init_creds_set_password(context_, request, password);
     });
 }
 
-void KerberosSession::LogInWithKeytab(const std::string& account, const std::string& keytab) {
+void KerberosSession::LogInWithKeytab(const std::string& account, const std::string& keytab,
+                                      const char* service) {
     KeytabHandle opened(context_);
     Check(krb5_kt_resolve(context_, keytab.c_str(), opened.Out()), "cannot open " + keytab);
     const Principal client(*this, KRB5_NT_PRINCIPAL, realm_, {account});
-    GetInitialTicket(client, false, [&](krb5_init_creds_context request) {
-        return krb5_init_creds_set_keytab(context_, request, opened.Get());
-    });
+    const std::string what = "cannot log in to " + realm_ + " as " + account;
+    // The key needs no salt, so the proof that we have it goes with the first question.
+    GetInitialTicket(client, {.proofAtOnce = true, .service = service}, what,
+                     [&](krb5_init_creds_context request) {
+                         return krb5_init_creds_set_keytab(context_, request, opened.Get());
+                     });
 }
 
-void KerberosSession::GetServiceTicket(const std::string& service, const std::string& host) {
+void KerberosSession::GetServiceTicket(const std::string& service, const std::string& host,
+                                       const std::string& realm) {
     const std::string what = "no ticket for " + service + " on " + host;
     PrincipalHandle client(context_);
     Check(krb5_cc_get_principal(context_, cache_, client.Out()), what);
-    const Principal server(*this, KRB5_NT_SRV_HST, realm_, {service, host});
+    const Principal server(*this, KRB5_NT_SRV_HST, realm, {service, host});
     krb5_creds wanted{};
     wanted.client = client.Get();
     wanted.server = server.Get();
     Credentials ticket(context_);
-    Check(krb5_get_credentials(context_, 0, cache_, &wanted, ticket.Out()), what);
+    const krb5_error_code code = krb5_get_credentials(context_, 0, cache_, &wanted, ticket.Out());
+    // A realm that does not trust this one cannot be found from here.
+    const bool untrusted = code == KRB5KDC_ERR_S_PRINCIPAL_UNKNOWN && !EqualNames(realm, realm_);
+    Check(untrusted ? KRB5KDC_ERR_POLICY : code, what,
+          untrusted ? realm + " does not trust " + realm_ : "");
 
     // GSSAPI asks without a realm. It would find the ticket by the client's realm; a user of
     // another realm needs it under the name that is asked for.
@@ -219,22 +306,46 @@ std::vector<AccountKey> KerberosSession::MakeKeys(const std::string& account,
     Data parameters(context_);
     Check(krb5_get_etype_info(context_, client.Get(), nullptr, &type, salt.Out(), parameters.Out()),
           what);
+    // The parameters count iterations, in the same form for all kinds of encryption used here.
+    return DeriveKeys(password, salt.Get(), parameters.Get().length ? parameters.Out() : nullptr,
+                      what);
+}
 
-    krb5_data text{};
-    text.magic = KV5M_DATA;
-    text.data = const_cast<char*>(password.Data());
-    text.length = static_cast<unsigned>(password.Size());
+std::vector<AccountKey> KerberosSession::GuessKeys(const std::string& account,
+                                                   const Secret& password) {
+    std::string text =
+        realm_ + "host" + LowerCase(account.substr(0, account.find('$'))) + "." + LowerCase(realm_);
+    const krb5_data salt{KV5M_DATA, static_cast<unsigned>(text.size()), text.data()};
+    return DeriveKeys(password, salt, nullptr, "cannot make the keys of " + account);
+}
+
+std::vector<AccountKey> KerberosSession::DeriveKeys(const Secret& password, const krb5_data& salt,
+                                                    krb5_data* parameters,
+                                                    const std::string& what) {
+    const krb5_data text{KV5M_DATA, static_cast<unsigned>(password.Size()),
+                         const_cast<char*>(password.Data())};
     std::vector<AccountKey> keys;
     for (const krb5_enctype each : encryptionTypes) {
         krb5_keyblock key{};
-        // The parameters count iterations, in the same form for all kinds of encryption used here.
-        Check(krb5_c_string_to_key_with_params(
-                  context_, each, &text, &salt.Get(),
-                  parameters.Get().length ? &parameters.Get() : nullptr, &key),
+        Check(krb5_c_string_to_key_with_params(context_, each, &text, &salt, parameters, &key),
               what);
         keys.emplace_back(context_, key);
     }
     return keys;
+}
+
+void KerberosSession::CopyInitialTicket(krb5_creds* ticket) {
+    const std::string what = "no initial ticket for " + realm_;
+    krb5_cc_cursor cursor = nullptr;
+    Check(krb5_cc_start_seq_get(context_, cache_, &cursor), what);
+    krb5_error_code code = krb5_cc_next_cred(context_, cache_, &cursor, ticket);
+    // The library keeps notes of its own among the tickets.
+    while (code == 0 && krb5_is_config_principal(context_, ticket->server)) {
+        krb5_free_cred_contents(context_, ticket);
+        code = krb5_cc_next_cred(context_, cache_, &cursor, ticket);
+    }
+    krb5_cc_end_seq_get(context_, cache_, &cursor);
+    Check(code, what);
 }
 
 GssCredential::GssCredential(const KerberosSession& session) {

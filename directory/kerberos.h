@@ -48,8 +48,10 @@ private:
 /// and TimedOut for the network; else InternalError. A wrong clock is never a WrongPassword.
 class KerberosSession {
 public:
-    /// \param realm the domain's, in upper case
-    KerberosSession(const std::string& realm, KdcFinder findKdc, const Deadline& deadline);
+    /// \param realm          the domain's, in upper case
+    /// \param passwordServer as MakeKerberosContext() takes it
+    KerberosSession(const std::string& realm, KdcFinder findKdc, const Deadline& deadline,
+                    const std::string& passwordServer = "");
     ~KerberosSession();
     KerberosSession(const KerberosSession&) = delete;
     KerberosSession& operator=(const KerberosSession&) = delete;
@@ -70,25 +72,55 @@ public:
     /// Gets the initial ticket of an account whose key is in a keytab.
     /// \param account the account's name, such as "WEB1$"
     /// \param keytab  such as "FILE:/etc/krb5.keytab"
+    /// \param service what the ticket is for, as "kadmin/changepw"; null for the usual one, which
+    ///                gets others
     /// \throws Error as above; MachineKeyRejected when the keytab has no key of the account
-    void LogInWithKeytab(const std::string& account, const std::string& keytab);
+    void LogInWithKeytab(const std::string& account, const std::string& keytab,
+                         const char* service = nullptr);
+
+    /// A copy of the initial ticket.
+    /// \param ticket to be released with krb5_free_cred_contents()
+    void CopyInitialTicket(krb5_creds* ticket);
 
     /// Gets the ticket for a service on a host, with the initial ticket.
-    void GetServiceTicket(const std::string& service, const std::string& host);
+    /// \param realm the host's: this session's, or one that it has a trust with
+    /// \throws Error as above; AccessDenied when the other realm does not let this one's in
+    void GetServiceTicket(const std::string& service, const std::string& host,
+                          const std::string& realm);
+    /// The same for a host of this session's realm.
+    void GetServiceTicket(const std::string& service, const std::string& host) {
+        GetServiceTicket(service, host, realm_);
+    }
 
     /// The keys that an account has with this password, one for each kind of encryption used here.
     /// Asks the key distribution centre for the salt. The keys must not outlive the session.
     std::vector<AccountKey> MakeKeys(const std::string& account, const Secret& password);
+    /// The same for a computer's account that is just being made, with the salt that a domain
+    /// chooses by itself, as far as we know. Asks nobody; the domain may differ.
+    std::vector<AccountKey> GuessKeys(const std::string& account, const Secret& password);
+
+    /// Throws the Error that fits a code, unless that is 0.
+    /// \param what        what was tried
+    /// \param knownReason what the code stands for, where that is known better; else empty
+    void Check(krb5_error_code code, const std::string& what, const std::string& knownReason = "");
 
 private:
     class Principal;
 
+    struct TicketOptions {
+        bool canonical = false;        ///< the domain may answer with another name for the client
+        bool proofAtOnce = false;      ///< without being asked for it
+        const char* service = nullptr; ///< null: the one that gets other tickets
+    };
+
     static krb5_error_code Exchange(krb5_context context, void* self, const krb5_data* realm,
                                     const krb5_data* message, krb5_data** newMessage,
                                     krb5_data** reply);
-    void GetInitialTicket(const Principal& client, bool canonical,
+    std::vector<AccountKey> DeriveKeys(const Secret& password, const krb5_data& salt,
+                                       krb5_data* parameters, const std::string& what);
+    void GetInitialTicket(const Principal& client, const TicketOptions& wanted,
+                          const std::string& what,
                           const std::function<krb5_error_code(krb5_init_creds_context)>& setKey);
-    void Check(krb5_error_code code, const std::string& what);
 
     std::string realm_;
     KdcFinder findKdc_;

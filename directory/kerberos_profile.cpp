@@ -13,16 +13,23 @@
 namespace tessary::directory {
 namespace {
 
+/// What differs from context to context.
+struct Particulars {
+    std::string realm;
+    std::string passwordServer;
+};
+
 struct Setting {
     std::initializer_list<const char*> path;
-    const char* value; // null: the default realm
+    const char* value; // null: `particular`
+    std::string Particulars::*particular = nullptr;
 };
 
 constexpr char anyName[] = "*";
 constexpr char aes[] = "aes256-cts-hmac-sha1-96 aes128-cts-hmac-sha1-96";
 
 const Setting settings[] = {
-    {{"libdefaults", "default_realm"}, nullptr},
+    {{"libdefaults", "default_realm"}, nullptr, &Particulars::realm},
     {{"libdefaults", "dns_lookup_kdc"}, "false"},
     {{"libdefaults", "dns_lookup_realm"}, "false"},
     {{"libdefaults", "dns_uri_lookup"}, "false"},
@@ -40,6 +47,7 @@ const Setting settings[] = {
     // Every realm has an address that is never used: the library wants to see one before it calls
     // the function that does the exchange in its place.
     {{"realms", anyName, "kdc"}, "127.0.0.1"},
+    {{"realms", anyName, "kpasswd_server"}, nullptr, &Particulars::passwordServer},
 };
 
 bool SamePath(const char* const* names, const std::initializer_list<const char*>& path) {
@@ -51,15 +59,20 @@ bool SamePath(const char* const* names, const std::initializer_list<const char*>
     return !*names;
 }
 
-long GetValues(void* realm, const char* const* names, char*** result) {
+long GetValues(void* particulars, const char* const* names, char*** result) {
     for (const Setting& setting : settings) {
         if (!SamePath(names, setting.path))
             continue;
+        const char* value =
+            setting.value
+                ? setting.value
+                : (static_cast<const Particulars*>(particulars)->*setting.particular).c_str();
+        if (!*value)
+            return PROF_NO_RELATION;
         const auto values = static_cast<char**>(std::calloc(2, sizeof(char*)));
         if (!values)
             return ENOMEM;
-        values[0] =
-            strdup(setting.value ? setting.value : static_cast<const std::string*>(realm)->c_str());
+        values[0] = strdup(value);
         if (!values[0]) {
             std::free(values);
             return ENOMEM;
@@ -76,12 +89,12 @@ void FreeValues(void*, char** values) {
     std::free(values);
 }
 
-void Cleanup(void* realm) {
-    delete static_cast<std::string*>(realm);
+void Cleanup(void* particulars) {
+    delete static_cast<Particulars*>(particulars);
 }
 
-long Copy(void* realm, void** copy) {
-    *copy = new (std::nothrow) std::string(*static_cast<const std::string*>(realm));
+long Copy(void* particulars, void** copy) {
+    *copy = new (std::nothrow) Particulars(*static_cast<const Particulars*>(particulars));
     return *copy ? 0 : ENOMEM;
 }
 
@@ -91,7 +104,7 @@ struct ProfileDeleter {
 
 } // namespace
 
-krb5_context MakeKerberosContext(const std::string& realm) {
+krb5_context MakeKerberosContext(const std::string& realm, const std::string& passwordServer) {
     profile_vtable table{};
     table.minor_ver = 1;
     table.get_values = GetValues;
@@ -99,7 +112,7 @@ krb5_context MakeKerberosContext(const std::string& realm) {
     table.cleanup = Cleanup;
     table.copy = Copy;
 
-    auto data = std::make_unique<std::string>(realm);
+    auto data = std::make_unique<Particulars>(Particulars{realm, passwordServer});
     profile_t profile = nullptr;
     long code = profile_init_vtable(&table, data.get(), &profile);
     if (code != 0)

@@ -16,8 +16,9 @@ inline constexpr krb5_enctype encryptionTypes[] = {ENCTYPE_AES256_CTS_HMAC_SHA1_
 /// A Kerberos context with a configuration of our own, held in memory: in calls with this context
 /// the host's krb5.conf and the environment are not looked at. GSSAPI takes no context and reads
 /// them. Release with krb5_free_context().
-/// \param realm the default realm
-krb5_context MakeKerberosContext(const std::string& realm);
+/// \param realm          the default realm
+/// \param passwordServer address and port of the service that changes passwords, or empty
+krb5_context MakeKerberosContext(const std::string& realm, const std::string& passwordServer = "");
 
 } // namespace tessary::directory
 

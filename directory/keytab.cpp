@@ -4,6 +4,7 @@
 #include "kerberos_owner.h"
 
 #include <arpa/inet.h>
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -14,9 +15,6 @@
 
 namespace tessary::directory {
 namespace {
-
-// What a keytab begins with. The library makes new files but does not fill empty ones.
-constexpr std::string_view keytabFormat = "\x05\x02";
 
 using KeytabEntry = KerberosContents<krb5_keytab_entry, krb5_free_keytab_entry_contents>;
 using PrincipalText = KerberosOwner<char*, krb5_free_unparsed_name>;
@@ -91,28 +89,12 @@ private:
     std::string_view rest_;
 };
 
-bool Names(krb5_context context, krb5_const_principal principal,
-           const std::vector<std::string>& names) {
-    PrincipalText text(context);
-    if (krb5_unparse_name(context, principal, text.Out()) != 0)
-        throw Error(Status::NotEnoughMemory, "cannot name a keytab's principal");
-    return std::find(names.begin(), names.end(), text.Get()) != names.end();
-}
-
-} // namespace
-
-KeytabReplacement::KeytabReplacement(krb5_context context,
-                                     const std::vector<std::string>& principals)
-    : context_(context), file_(hostKeytab) {
-    CopyOthers(principals);
-}
-
-void KeytabReplacement::Check(krb5_error_code code, const std::string& what) const {
+void Check(krb5_context context, krb5_error_code code, const std::string& what) {
     if (code == 0)
         return;
-    const char* message = krb5_get_error_message(context_, code);
+    const char* message = krb5_get_error_message(context, code);
     const std::string text = what + " " + hostKeytab + ": " + message;
-    krb5_free_error_message(context_, message);
+    krb5_free_error_message(context, message);
     Status status = Status::InternalError;
     if (code == EACCES || code == EPERM || code == EROFS)
         status = Status::AccessDenied;
@@ -121,57 +103,129 @@ void KeytabReplacement::Check(krb5_error_code code, const std::string& what) con
     throw Error(status, text);
 }
 
-void KeytabReplacement::CopyOthers(const std::vector<std::string>& principals) {
-    KeytabScan old(context_);
-    const krb5_error_code started = old.Start(std::string("FILE:") + hostKeytab);
+KeytabEntryName NameOf(krb5_context context, const krb5_keytab_entry& entry) {
+    PrincipalText text(context);
+    if (krb5_unparse_name(context, entry.principal, text.Out()) != 0)
+        throw Error(Status::NotEnoughMemory, "cannot name a keytab's principal");
+    return {text.Get(), static_cast<int>(entry.vno), entry.timestamp};
+}
+
+bool IsOneOf(const std::string& name, const std::vector<std::string>& names) {
+    return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+/// Calls the function with each entry of the host's keytab.
+/// \return false when there is no keytab, or an empty file: nothing to read
+template <typename Function>
+bool ForEachHostEntry(krb5_context context, Function function) {
+    KeytabScan scan(context);
+    const krb5_error_code started = scan.Start(std::string("FILE:") + hostKeytab);
     if (started == ENOENT || started == KRB5_KEYTAB_BADVNO) {
-        // No keytab, or an empty file: nothing to keep. One with another content is not ours to
-        // throw away.
+        // A file with another content is not ours to throw away.
         const auto content = ReadFile(hostKeytab);
-        if (!content || content->empty()) {
-            file_.Write(keytabFormat);
-            return;
-        }
+        if (!content || content->empty())
+            return false;
     }
-    Check(started, "cannot read");
-    const Secret bytes = ReadSecretFile(hostKeytab);
-    KeytabRecords records(bytes.View());
-    file_.Write(records.Format());
+    Check(context, started, "cannot read");
     for (;;) {
-        KeytabEntry entry(context_);
-        const krb5_error_code code = old.Next(entry);
+        KeytabEntry entry(context);
+        const krb5_error_code code = scan.Next(entry);
         if (code == KRB5_KT_END)
-            return;
-        Check(code, "cannot read");
-        const std::string_view record = records.Next();
-        if (Names(context_, entry.Get().principal, principals))
-            continue;
-        file_.Write(record);
-        empty_ = false;
+            return true;
+        Check(context, code, "cannot read");
+        function(entry.Get());
     }
 }
 
-void KeytabReplacement::Append(krb5_keytab_entry& entry) {
-    KeytabHandle keytab(context_);
-    Check(krb5_kt_resolve(context_, Name().c_str(), keytab.Out()), "cannot write");
-    Check(krb5_kt_add_entry(context_, keytab.Get(), &entry), "cannot write");
-    empty_ = false;
+} // namespace
+
+KeytabInMemory::KeytabInMemory(krb5_context context, std::string_view format)
+    : context_(context), file_(memfd_create("keytab", MFD_CLOEXEC)) {
+    if (!file_ || write(file_.Get(), format.data(), format.size()) < 0)
+        ThrowFileError(errno, std::string("cannot write ") + hostKeytab);
 }
 
-void KeytabReplacement::Add(const std::vector<std::string>& principals, int keyVersion,
-                            const std::vector<AccountKey>& keys) {
+void KeytabInMemory::Add(const std::vector<std::string>& principals, int keyVersion,
+                         const std::vector<AccountKey>& keys) {
+    KeytabHandle keytab(context_);
+    Check(context_, krb5_kt_resolve(context_, Name().c_str(), keytab.Out()), "cannot write");
     for (const std::string& name : principals) {
         PrincipalHandle principal(context_);
-        Check(krb5_parse_name(context_, name.c_str(), principal.Out()), "cannot name an entry of");
+        Check(context_, krb5_parse_name(context_, name.c_str(), principal.Out()),
+              "cannot name an entry of");
         for (const AccountKey& key : keys) {
             krb5_keytab_entry entry{};
             entry.principal = principal.Get();
             entry.timestamp = static_cast<krb5_timestamp>(std::time(nullptr));
             entry.vno = static_cast<krb5_kvno>(keyVersion);
             entry.key = key.Get();
-            Append(entry);
+            Check(context_, krb5_kt_add_entry(context_, keytab.Get(), &entry), "cannot write");
         }
     }
+}
+
+std::string KeytabInMemory::Name() const {
+    return "FILE:/proc/self/fd/" + std::to_string(file_.Get());
+}
+
+Secret KeytabInMemory::Bytes() const {
+    return ReadSecretFile(file_.Get(), hostKeytab);
+}
+
+std::vector<KeytabKey> ReadHostKeys(krb5_context context,
+                                    const std::vector<std::string>& principals) {
+    std::vector<KeytabKey> keys;
+    ForEachHostEntry(context, [&](const krb5_keytab_entry& entry) {
+        KeytabEntryName name = NameOf(context, entry);
+        if (!IsOneOf(name.principal, principals))
+            return;
+        krb5_keyblock key{};
+        Check(context, krb5_copy_keyblock_contents(context, &entry.key, &key), "cannot read");
+        keys.push_back({std::move(name), AccountKey(context, key)});
+    });
+    return keys;
+}
+
+KeytabReplacement::KeytabReplacement(krb5_context context, const Filter& keep)
+    : context_(context), file_(hostKeytab) {
+    Copy(keep);
+}
+
+KeytabReplacement::KeytabReplacement(krb5_context context,
+                                     const std::vector<std::string>& principals)
+    : KeytabReplacement(context, [&](const KeytabEntryName& name) {
+          return !IsOneOf(name.principal, principals);
+      }) {}
+
+void KeytabReplacement::Copy(const Filter& keep) {
+    std::vector<bool> kept;
+    const auto judge = [&](const krb5_keytab_entry& entry) {
+        kept.push_back(keep(NameOf(context_, entry)));
+    };
+    if (!ForEachHostEntry(context_, judge)) {
+        file_.Write(format_);
+        return;
+    }
+    const Secret bytes = ReadSecretFile(hostKeytab);
+    KeytabRecords records(bytes.View());
+    format_ = records.Format();
+    file_.Write(format_);
+    for (const bool keepThis : kept) {
+        const std::string_view record = records.Next();
+        if (!keepThis)
+            continue;
+        file_.Write(record);
+        empty_ = false;
+    }
+}
+
+void KeytabReplacement::Add(const std::vector<std::string>& principals, int keyVersion,
+                            const std::vector<AccountKey>& keys) {
+    KeytabInMemory added(context_, format_);
+    added.Add(principals, keyVersion, keys);
+    const Secret bytes = added.Bytes();
+    file_.Write(bytes.View().substr(format_.size()));
+    empty_ = empty_ && principals.empty();
 }
 
 void KeytabReplacement::Commit() {

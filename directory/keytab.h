@@ -7,24 +7,74 @@
 
 #include <krb5.h>
 
+#include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tessary::directory {
 
 inline constexpr char hostKeytab[] = "/etc/krb5.keytab";
 
-/// A new version of the host's keytab that keeps all entries, to the byte, but those of some
-/// principals. Its mode is 0600, its owner this process's, whatever the old one's. It is not in
-/// force before Commit(), and vanishes without. A keytab that is a symbolic link stays one.
+/// What a keytab begins with. The library makes new files but does not fill empty ones.
+inline constexpr std::string_view keytabFormat = "\x05\x02";
+
+/// The principal, the version and the time of one entry of a keytab.
+struct KeytabEntryName {
+    std::string principal; ///< complete, realm included
+    int version;
+    krb5_timestamp time; ///< when it was written, in seconds since 1970
+};
+
+/// A key of a keytab.
+struct KeytabKey {
+    KeytabEntryName name;
+    AccountKey key;
+};
+
+/// The keys of some principals, in the keytab's order; a keytab that is not there has none.
+/// \param context    must outlive the keys
+/// \param principals complete names, realm included
+/// \throws Error when the keytab cannot be read
+std::vector<KeytabKey> ReadHostKeys(krb5_context context,
+                                    const std::vector<std::string>& principals);
+
+/// A keytab that is nowhere but in memory. (The library's own file format on a disk costs a wait for
+/// the disk with each entry.)
+class KeytabInMemory {
+public:
+    /// \param context must outlive this
+    explicit KeytabInMemory(krb5_context context, std::string_view format = keytabFormat);
+
+    /// Adds the keys for each of the principals, complete names.
+    void Add(const std::vector<std::string>& principals, int keyVersion,
+             const std::vector<AccountKey>& keys);
+
+    /// The keytab as a Kerberos call takes it, in this process.
+    std::string Name() const;
+    Secret Bytes() const;
+
+private:
+    krb5_context context_;
+    UniqueFd file_;
+};
+
+/// A new version of the host's keytab that takes over, to the byte, entries of the old one. Its
+/// mode is 0600, its owner this process's, whatever the old one's. It is not in force before
+/// Commit(), and vanishes without. A keytab that is a symbolic link stays one.
 class KeytabReplacement {
 public:
-    /// \param context    must outlive the replacement
-    /// \param principals complete names, realm included, whose entries are left out
+    using Filter = std::function<bool(const KeytabEntryName&)>;
+
+    /// \param context must outlive the replacement
+    /// \param keep    tells which entries are taken over
     /// \throws Error when the keytab cannot be read, or the new one written
+    KeytabReplacement(krb5_context context, const Filter& keep);
+
+    /// The entries of some principals, complete names, are left out.
     KeytabReplacement(krb5_context context, const std::vector<std::string>& principals);
 
-    /// Adds the keys for each of the principals.
+    /// As KeytabInMemory::Add().
     void Add(const std::vector<std::string>& principals, int keyVersion,
              const std::vector<AccountKey>& keys);
 
@@ -35,12 +85,11 @@ public:
     void Commit();
 
 private:
-    void CopyOthers(const std::vector<std::string>& principals);
-    void Append(krb5_keytab_entry& entry);
-    void Check(krb5_error_code code, const std::string& what) const;
+    void Copy(const Filter& keep);
 
     krb5_context context_;
     Replacement file_;
+    std::string format_{keytabFormat};
     bool empty_ = true;
 };
 

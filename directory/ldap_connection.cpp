@@ -10,6 +10,7 @@
 #include <lber.h>
 #include <openldap.h>
 #include <sasl/sasl.h>
+#include <sys/socket.h>
 
 #include <charconv>
 #include <memory>
@@ -17,7 +18,8 @@
 namespace tessary::directory {
 namespace {
 
-constexpr std::chrono::seconds patience{8}; // with one answer
+constexpr std::chrono::seconds patience{8};    // with one answer
+constexpr ber_len_t longestMessage = 16 << 20; // bytes
 
 // The strength below which a connection counts as not encrypted, as SASL measures it.
 // The other limits are the library's own: unless they are given, ldap.conf and the environment can
@@ -119,6 +121,12 @@ LdapConnection::LdapConnection(UniqueFd socket, const std::string& host)
     socket.Release();
     handle_.reset(handle);
 
+    // Memory for a message is taken by what the other end says of its length.
+    Sockbuf* buffer = nullptr;
+    ber_len_t limit = longestMessage;
+    ldap_get_option(handle, LDAP_OPT_SOCKBUF, &buffer);
+    ber_sockbuf_ctrl(buffer, LBER_SB_OPT_SET_MAX_INCOMING, &limit);
+
     // Whatever the host's ldap.conf says about these.
     const int version = LDAP_VERSION3;
     const int noLimit = LDAP_NO_LIMIT;
@@ -142,13 +150,24 @@ void LdapConnection::ThrowFailed(int result, const std::string& what) const {
     ThrowLdapError(result, "", what);
 }
 
-LdapConnection::Message LdapConnection::TryReceive(int message) {
+void LdapConnection::ExpectLdap() {
+    if (answered_)
+        return;
+    constexpr unsigned char firstOfMessage = 0x30;
+    unsigned char first = 0;
+    const ssize_t got = recv(socket_, &first, sizeof first, MSG_PEEK);
+    answered_ = got > 0;
+    if (answered_ && first != firstOfMessage)
+        throw Error(Status::NoController, "what answers at " + host_ + " is no directory service");
+}
+
+LdapConnection::Message LdapConnection::TryReceive(int message, int extent) {
     Sockbuf* buffer = nullptr;
     ldap_get_option(handle_.get(), LDAP_OPT_SOCKBUF, &buffer);
     do {
         timeval none{0, 0};
         LDAPMessage* received = nullptr;
-        const int type = ldap_result(handle_.get(), message, LDAP_MSG_ALL, &none, &received);
+        const int type = ldap_result(handle_.get(), message, extent, &none, &received);
         if (type > 0) {
             answered_ = true;
             return Message(received);
@@ -225,12 +244,19 @@ int LdapConnection::StartRootSearch(const char* const* attributes) {
 }
 
 std::optional<LdapEntry> LdapConnection::TryFinishSearch(int message) {
-    const Message answer = TryReceive(message);
+    // Nobody has proven to be a controller yet: one message at a time, and the first entry will do,
+    // so that entries without end take no memory.
+    ExpectLdap();
+    const Message answer = TryReceive(message, LDAP_MSG_ONE);
     if (!answer)
         return std::nullopt;
-    ExpectSuccess(answer.get(), "search on " + host_);
     std::vector<LdapEntry> entries = Entries(answer.get());
-    return entries.empty() ? LdapEntry() : std::move(entries.front());
+    if (!entries.empty())
+        return std::move(entries.front());
+    if (ldap_msgtype(answer.get()) != LDAP_RES_SEARCH_RESULT)
+        return std::nullopt;
+    ExpectSuccess(answer.get(), "search on " + host_);
+    return LdapEntry();
 }
 
 std::vector<LdapEntry> LdapConnection::Entries(LDAPMessage* message) {
@@ -255,10 +281,9 @@ std::vector<LdapEntry> LdapConnection::Entries(LDAPMessage* message) {
     return entries;
 }
 
-std::vector<LdapEntry> LdapConnection::Search(const std::string& base, int scope,
-                                              const std::string& filter,
-                                              const std::vector<const char*>& attributes,
-                                              const Deadline& deadline) {
+PendingSearch LdapConnection::StartSearch(const std::string& base, int scope,
+                                          const std::string& filter,
+                                          const std::vector<const char*>& attributes) {
     std::vector<const char*> list(attributes);
     list.push_back(nullptr);
     int message = 0;
@@ -267,38 +292,63 @@ std::vector<LdapEntry> LdapConnection::Search(const std::string& base, int scope
                                      LDAP_NO_LIMIT, &message);
     if (sent != LDAP_SUCCESS)
         ThrowLdapError(sent, "", "cannot search " + base);
-    const Message answer = Receive(message, deadline);
-    ExpectSuccess(answer.get(), "cannot search " + base);
+    return {message, base};
+}
+
+PendingSearch LdapConnection::StartRead(const std::string& dn,
+                                        const std::vector<const char*>& attributes) {
+    return StartSearch(dn, LDAP_SCOPE_BASE, "(objectClass=*)", attributes);
+}
+
+std::vector<LdapEntry> LdapConnection::FinishSearch(const PendingSearch& search,
+                                                    const Deadline& deadline) {
+    const Message answer = Receive(search.message, deadline);
+    ExpectSuccess(answer.get(), "cannot search " + search.base);
     return Entries(answer.get());
+}
+
+LdapEntry LdapConnection::FinishRead(const PendingSearch& search, const Deadline& deadline) {
+    std::vector<LdapEntry> entries = FinishSearch(search, deadline);
+    if (entries.empty())
+        ThrowLdapError(LDAP_NO_SUCH_OBJECT, "", "cannot read " + search.base);
+    return std::move(entries.front());
+}
+
+std::vector<LdapEntry> LdapConnection::Search(const std::string& base, int scope,
+                                              const std::string& filter,
+                                              const std::vector<const char*>& attributes,
+                                              const Deadline& deadline) {
+    return FinishSearch(StartSearch(base, scope, filter, attributes), deadline);
 }
 
 LdapEntry LdapConnection::Read(const std::string& dn, const std::vector<const char*>& attributes,
                                const Deadline& deadline) {
-    std::vector<LdapEntry> entries =
-        Search(dn, LDAP_SCOPE_BASE, "(objectClass=*)", attributes, deadline);
-    if (entries.empty())
-        ThrowLdapError(LDAP_NO_SUCH_OBJECT, "", "cannot read " + dn);
-    return std::move(entries.front());
+    return FinishRead(StartRead(dn, attributes), deadline);
 }
 
-void LdapConnection::Change(ChangeCall call, const std::string& what, const std::string& dn,
-                            const std::vector<LdapChange>& changes, const Deadline& deadline) {
+int LdapConnection::StartChange(ChangeCall call, const std::string& what, const std::string& dn,
+                                const std::vector<LdapChange>& changes) {
     ModificationList list(changes);
     int message = 0;
     const int sent = call(handle_.get(), dn.c_str(), list.Get(), nullptr, nullptr, &message);
     if (sent != LDAP_SUCCESS)
         ThrowLdapError(sent, "", what + dn);
-    ExpectSuccess(Receive(message, deadline).get(), what + dn);
+    return message;
 }
 
 void LdapConnection::Add(const std::string& dn, const std::vector<LdapChange>& attributes,
-                         const Deadline& deadline) {
-    Change(ldap_add_ext, "cannot create ", dn, attributes, deadline);
+                         const Deadline& deadline, const std::function<void()>& meanwhile) {
+    const std::string what = "cannot create ";
+    const int message = StartChange(ldap_add_ext, what, dn, attributes);
+    meanwhile();
+    ExpectSuccess(Receive(message, deadline).get(), what + dn);
 }
 
 void LdapConnection::Modify(const std::string& dn, const std::vector<LdapChange>& changes,
                             const Deadline& deadline) {
-    Change(ldap_modify_ext, "cannot change ", dn, changes, deadline);
+    const std::string what = "cannot change ";
+    const int message = StartChange(ldap_modify_ext, what, dn, changes);
+    ExpectSuccess(Receive(message, deadline).get(), what + dn);
 }
 
 int LdapConnection::DeleteOnce(const std::string& dn, LDAPControl** controls,

@@ -7,6 +7,7 @@
 
 #include <ldap.h>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -43,6 +44,12 @@ struct LdapChange {
     std::vector<std::string_view> values;
 };
 
+/// A search that has been sent and whose answer has not been looked at.
+struct PendingSearch {
+    int message;
+    std::string base;
+};
+
 /// A connection over a socket that is already connected. Every operation ends by its deadline, and
 /// within 8 seconds, also when the controller is frozen. Use by one thread at a time.
 ///
@@ -70,16 +77,26 @@ public:
     /// The answer of that search, if it has arrived.
     std::optional<LdapEntry> TryFinishSearch(int message);
 
+    /// Sends a search without waiting for the answer, so that several are under way at once.
     /// \param scope LDAP_SCOPE_BASE, LDAP_SCOPE_ONELEVEL or LDAP_SCOPE_SUBTREE
+    PendingSearch StartSearch(const std::string& base, int scope, const std::string& filter,
+                              const std::vector<const char*>& attributes);
+    /// The same for the one entry of that name.
+    PendingSearch StartRead(const std::string& dn, const std::vector<const char*>& attributes);
+    std::vector<LdapEntry> FinishSearch(const PendingSearch& search, const Deadline& deadline);
+    LdapEntry FinishRead(const PendingSearch& search, const Deadline& deadline);
+
+    /// StartSearch() and FinishSearch() in one.
     std::vector<LdapEntry> Search(const std::string& base, int scope, const std::string& filter,
                                   const std::vector<const char*>& attributes,
                                   const Deadline& deadline);
-    /// The entry of that name with the attributes asked for.
+    /// StartRead() and FinishRead() in one.
     LdapEntry Read(const std::string& dn, const std::vector<const char*>& attributes,
-                   const Deadline& deadline);
-
-    void Add(const std::string& dn, const std::vector<LdapChange>& attributes,
-             const Deadline& deadline);
+                   const Deadline& deadline); /// \param meanwhile called while the controller
+                                              /// works; it must not throw
+    void Add(
+        const std::string& dn, const std::vector<LdapChange>& attributes, const Deadline& deadline,
+        const std::function<void()>& meanwhile = [] {});
     void Modify(const std::string& dn, const std::vector<LdapChange>& changes,
                 const Deadline& deadline);
     /// Deletes the entry; fails where others are below it. One that is not there counts as deleted.
@@ -99,20 +116,21 @@ private:
 
     void SetOption(int option, const void* value);
     [[noreturn]] void ThrowFailed(int result, const std::string& what) const;
-    Message TryReceive(int message);
+    void ExpectLdap();
+    Message TryReceive(int message, int extent = LDAP_MSG_ALL);
     Message Receive(int message, const Deadline& deadline);
     int CheckResult(LDAPMessage* message, std::string& diagnostics);
     void ExpectSuccess(LDAPMessage* message, const std::string& what);
     std::vector<LdapEntry> Entries(LDAPMessage* message);
-    void Change(ChangeCall call, const std::string& what, const std::string& dn,
-                const std::vector<LdapChange>& changes, const Deadline& deadline);
+    int StartChange(ChangeCall call, const std::string& what, const std::string& dn,
+                    const std::vector<LdapChange>& changes);
     int DeleteOnce(const std::string& dn, LDAPControl** controls, std::string& diagnostics,
                    const Deadline& deadline);
 
     std::unique_ptr<LDAP, HandleDeleter> handle_;
     int socket_; // the handle's
     std::string host_;
-    bool answered_ = false; // by the controller, to anything
+    bool answered_ = false; // something has come from the other end
 };
 
 /// A value made fit for a search filter.

@@ -67,8 +67,10 @@ Status MeaningOf(int result, const std::string& diagnostics) {
 
 void ThrowLdapError(int result, const std::string& diagnostics, const std::string& what) {
     std::string text = what + ": " + ldap_err2string(result);
-    if (!diagnostics.empty())
-        text += " (" + diagnostics + ")";
+    // Of an object that is not there some controllers tell where in their code they noticed.
+    const std::string remark = diagnostics.substr(0, diagnostics.find_last_not_of(" \r\n") + 1);
+    if (!remark.empty() && result != LDAP_NO_SUCH_OBJECT)
+        text += " (" + remark + ")";
     throw Error(MeaningOf(result, diagnostics), text);
 }
 

@@ -36,15 +36,15 @@ void RemoveLeftovers() {
 
 void DeleteOrDisable(Session& session, const DomainState& state) {
     MachineAccounts accounts(session);
-    const std::optional<std::string> dn = accounts.Find(state.account);
-    if (!dn)
+    const std::optional<LdapEntry> account = accounts.Find(state.account);
+    if (!account)
         return;
     try {
-        accounts.Delete(*dn);
+        accounts.Delete(account->dn);
     } catch (const Error& error) {
         if (error.Code() != Status::AccessDenied)
             throw;
-        accounts.Disable(*dn);
+        accounts.Disable(account->dn);
     }
 }
 
@@ -52,8 +52,8 @@ void DisableWithOwnKey(const DomainState& state) {
     try {
         Session session(state, Deadline::In(courtesyTime));
         MachineAccounts accounts(session);
-        if (const std::optional<std::string> dn = accounts.Find(state.account))
-            accounts.Disable(*dn);
+        if (const std::optional<LdapEntry> account = accounts.Find(state.account))
+            accounts.Disable(account->dn);
     } catch (const Error&) {
         // Most domains don't let a host disable its own account; the host leaves all the same.
     }

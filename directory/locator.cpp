@@ -24,6 +24,12 @@ public:
           connecting_(StartConnect(candidate_.address)) {}
 
     const Deadline& End() const { return deadline_; }
+    const std::string& Host() const { return candidate_.host; }
+    /// What there is to say of a controller that has kept us waiting too long.
+    const char* Silence() const {
+        return connection_ ? "it takes the connection and says nothing"
+                           : "no answer to the attempt to connect";
+    }
     pollfd Wanted() const {
         return connection_ ? pollfd{connection_->Socket(), POLLIN, 0}
                            : pollfd{connecting_.Get(), POLLOUT, 0};
@@ -109,19 +115,19 @@ private:
         exhausted_ = !candidate;
         nextStart_ = Deadline::In(headStart);
         if (candidate)
-            Guarded([&] { attempts_.push_back(Attempt(std::move(*candidate), deadline_)); });
+            Guarded(candidate->host, [&] { attempts_.push_back(Attempt(*candidate, deadline_)); });
     }
 
     /// Notes the failure of one attempt, so that the others go on. Another domain's controller says
     /// nothing about those of the domain.
     template <typename Function>
-    bool Guarded(Function function) {
+    bool Guarded(const std::string& host, Function function) {
         try {
             function();
             return true;
         } catch (const Error& error) {
             if (error.Code() != Status::NoSuchDomain)
-                failures_.push_back(error.Code());
+                failures_.emplace_back(error.Code(), host + ": " + error.what());
             nextStart_ = Deadline::In(0ms);
             return false;
         }
@@ -144,11 +150,12 @@ private:
         for (std::size_t i = 0; i < attempts_.size(); ++i) {
             Attempt& attempt = attempts_[i];
             std::optional<Controller> found;
-            const bool usable = Guarded([&] {
+            const bool usable = Guarded(attempt.Host(), [&] {
                 if (descriptors[i].revents != 0)
                     found = Judge(attempt);
-                else if (attempt.End().Passed())
-                    throw Error(Status::TimedOut, "no answer");
+                // Also one that says something all the time, but not what it was asked for.
+                if (!found && attempt.End().Passed())
+                    throw Error(Status::TimedOut, attempt.Silence());
             });
             if (found)
                 return found;
@@ -170,16 +177,28 @@ private:
     }
 
     [[noreturn]] void ThrowFailure() const {
-        const auto is = [](Status status) { return [=](Status each) { return each == status; }; };
-        if (std::any_of(failures_.begin(), failures_.end(), is(Status::TimedOut)))
-            throw Error(Status::TimedOut, "no domain controller answers in time");
-        if (candidates_.DiscoveryError() && failures_.empty())
+        const auto is = [](Status status) {
+            return [=](const Error& each) { return each.Code() == status; };
+        };
+        const auto silent = std::find_if(failures_.begin(), failures_.end(), is(Status::TimedOut));
+        if (silent != failures_.end())
+            ThrowFor(Status::TimedOut, "no domain controller answers in time", *silent);
+        if (failures_.empty() && candidates_.DiscoveryError())
             throw *candidates_.DiscoveryError();
-        if (!failures_.empty() &&
-            std::all_of(failures_.begin(), failures_.end(), is(Status::ConnectionRefused)))
-            throw Error(Status::ConnectionRefused,
-                        "every domain controller refuses the connection");
-        throw Error(Status::NoController, "no domain controller can be reached");
+        if (failures_.empty())
+            throw Error(Status::NoController,
+                        "no domain controller of " + domain_ + " has an address");
+        if (std::all_of(failures_.begin(), failures_.end(), is(Status::ConnectionRefused)))
+            ThrowFor(Status::ConnectionRefused, "every domain controller refuses the connection",
+                     failures_.front());
+        ThrowFor(Status::NoController, "no domain controller can be reached", failures_.front());
+    }
+
+    /// \param example one of the failures
+    [[noreturn]] void ThrowFor(Status status, const std::string& text, const Error& example) const {
+        const std::string count =
+            failures_.size() < 2 ? "" : " (one of " + std::to_string(failures_.size()) + " asked)";
+        throw Error(status, text + ": " + example.what() + count);
     }
 
     std::string domain_;
@@ -189,7 +208,7 @@ private:
     Deadline nextStart_;
     bool exhausted_ = false;
     std::vector<Attempt> attempts_;
-    std::vector<Status> failures_;
+    std::vector<Error> failures_;
 };
 
 } // namespace

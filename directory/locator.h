@@ -31,7 +31,8 @@ struct Controller {
 /// asked meanwhile lose none of theirs, but that of the deadline.
 ///
 /// A controller that serves another domain is passed over, whatever the others do. One that closes
-/// the connection unanswered counts as refusing it.
+/// the connection without a word counts as refusing it; what answers with anything but what it was
+/// asked for is no controller, and takes neither time nor memory beyond these limits.
 /// \param domain DNS name, as NormalizeDomainName() returns it
 /// \throws Error NoSuchDomain when there is no such domain; ConnectionRefused when all refused;
 ///         TimedOut when all are silent; NoController otherwise

@@ -1,6 +1,7 @@
 #include "machine_account.h"
 
 #include "error.h"
+#include "sid.h"
 #include "text.h"
 
 #include <algorithm>
@@ -18,11 +19,21 @@ constexpr long workstationAccount = 0x1000;
 // AES, 128 and 256 bits: the kinds of encryption of the account's keys.
 constexpr char supportedEncryption[] = "24";
 
+constexpr char keyVersionAttribute[] = "msDS-KeyVersionNumber";
+
 // The entry of wellKnownObjects that says where new computer accounts go.
 constexpr char computersContainer[] = "B:32:AA312825768811D1ADED00C04FD8D5CD:";
 
 std::vector<std::string_view> Views(const std::vector<std::string>& values) {
     return {values.begin(), values.end()};
+}
+
+std::string ComputersContainer(const LdapEntry& domain, const std::string& baseDn) {
+    for (const std::string& object : domain.Values("wellKnownObjects"))
+        if (EqualNames(std::string_view(object).substr(0, sizeof computersContainer - 1),
+                       computersContainer))
+            return object.substr(sizeof computersContainer - 1);
+    return "CN=Computers," + baseDn;
 }
 
 bool SameSet(std::vector<std::string> a, std::vector<std::string> b) {
@@ -35,39 +46,49 @@ bool SameSet(std::vector<std::string> a, std::vector<std::string> b) {
 
 } // namespace
 
-MachineAccount MachineAccounts::Prepare(const HostNames& names, const std::string& unit,
-                                        const Secret& password) {
-    const Secret encoded = EncodeUnicodePassword(password);
-    // A wrong organisational unit is told also when the account lies elsewhere already.
-    const std::string container = ContainerDn(unit);
-    const std::optional<LdapEntry> existing = FindEntry(names.AccountName());
-    if (!existing)
-        return {Create(names, container, encoded), true};
-    Reset(*existing, names, encoded);
-    return {existing->dn, false};
-}
-
-std::string MachineAccounts::ContainerDn(const std::string& unit) {
+Surroundings MachineAccounts::LookAround(const std::string& accountName, const std::string& unit) {
+    LdapConnection& ldap = session_.Ldap();
     const Controller& where = session_.Where();
-    if (!unit.empty()) {
-        const std::string dn = OrganizationalUnitDn(unit, where.baseDn);
-        return session_.Ldap().Read(dn, {"objectClass"}, session_.End()).dn;
-    }
-    const LdapEntry base = session_.Ldap().Read(where.baseDn, {"wellKnownObjects"}, session_.End());
-    for (const std::string& object : base.Values("wellKnownObjects"))
-        if (EqualNames(std::string_view(object).substr(0, sizeof computersContainer - 1),
-                       computersContainer))
-            return object.substr(sizeof computersContainer - 1);
-    return "CN=Computers," + where.baseDn;
+    const auto base = ldap.StartRead(where.baseDn, {"objectSid", "wellKnownObjects"});
+    const auto partitions = ldap.StartSearch(
+        "CN=Partitions," + where.configurationDn, LDAP_SCOPE_ONELEVEL,
+        "(&(objectClass=crossRef)(nCName=" + EscapeFilterValue(where.baseDn) + ")(nETBIOSName=*))",
+        {"nETBIOSName"});
+    const auto account = StartFind(accountName);
+    Surroundings around;
+    if (!unit.empty())
+        around.container =
+            ldap.Read(OrganizationalUnitDn(unit, where.baseDn), {"objectClass"}, session_.End()).dn;
+
+    const LdapEntry domain = ldap.FinishRead(base, session_.End());
+    around.domainSid = SidText(domain.Value("objectSid"));
+    if (unit.empty())
+        around.container = ComputersContainer(domain, where.baseDn);
+    const auto names = ldap.FinishSearch(partitions, session_.End());
+    around.netbiosName = names.empty() ? "" : names.front().Value("nETBIOSName");
+    around.account = FinishFind(account);
+    return around;
 }
 
-std::optional<LdapEntry> MachineAccounts::FindEntry(const std::string& accountName) {
-    std::vector<LdapEntry> found =
-        session_.Ldap().Search(session_.Where().baseDn, LDAP_SCOPE_SUBTREE,
-                               "(sAMAccountName=" + EscapeFilterValue(accountName) + ")",
-                               {"userAccountControl", "dNSHostName", "servicePrincipalName",
-                                "msDS-SupportedEncryptionTypes"},
-                               session_.End());
+MachineAccount MachineAccounts::Prepare(const HostNames& names, const Surroundings& around,
+                                        const Secret& password,
+                                        const std::function<void()>& meanwhile) {
+    const Secret encoded = EncodeUnicodePassword(password.View());
+    if (!around.account)
+        return {Create(names, around.container, encoded, meanwhile), true};
+    Reset(*around.account, names, encoded);
+    return {around.account->dn, false};
+}
+
+PendingSearch MachineAccounts::StartFind(const std::string& accountName) {
+    return session_.Ldap().StartSearch(session_.Where().baseDn, LDAP_SCOPE_SUBTREE,
+                                       "(sAMAccountName=" + EscapeFilterValue(accountName) + ")",
+                                       {"userAccountControl", "dNSHostName", "servicePrincipalName",
+                                        "msDS-SupportedEncryptionTypes", keyVersionAttribute});
+}
+
+std::optional<LdapEntry> MachineAccounts::FinishFind(const PendingSearch& search) {
+    std::vector<LdapEntry> found = session_.Ldap().FinishSearch(search, session_.End());
     // A controller also names where other parts of the forest are; those are no entries.
     std::erase_if(found, [](const LdapEntry& entry) { return entry.dn.empty(); });
     if (found.empty())
@@ -75,13 +96,13 @@ std::optional<LdapEntry> MachineAccounts::FindEntry(const std::string& accountNa
     return std::move(found.front());
 }
 
-std::optional<std::string> MachineAccounts::Find(const std::string& accountName) {
-    const std::optional<LdapEntry> entry = FindEntry(accountName);
-    return entry ? std::optional(entry->dn) : std::nullopt;
+std::optional<LdapEntry> MachineAccounts::Find(const std::string& accountName) {
+    return FinishFind(StartFind(accountName));
 }
 
 std::string MachineAccounts::Create(const HostNames& names, const std::string& container,
-                                    const Secret& encodedPassword) {
+                                    const Secret& encodedPassword,
+                                    const std::function<void()>& meanwhile) {
     const std::string dn = "CN=" + EscapeDnValue(names.account) + "," + container;
     const std::string accountName = names.AccountName();
     const std::string control = std::to_string(workstationAccount);
@@ -95,7 +116,7 @@ std::string MachineAccounts::Create(const HostNames& names, const std::string& c
                              {LDAP_MOD_ADD, "servicePrincipalName", Views(principals)},
                              {LDAP_MOD_ADD, "msDS-SupportedEncryptionTypes", {supportedEncryption}},
                              {LDAP_MOD_ADD, "unicodePwd", {encodedPassword.View()}}},
-                            session_.End());
+                            session_.End(), meanwhile);
     } catch (const Error& error) {
         // The controller may have done its work and only the answer is lost.
         if (error.Code() == Status::TimedOut || error.Code() == Status::NoController)
@@ -132,18 +153,11 @@ void MachineAccounts::UndoCreation(const std::string& dn, const std::string& acc
     }
 }
 
-void MachineAccounts::Reset(const LdapEntry& account, const HostNames& names,
-                            const Secret& encodedPassword) {
-    const long control = account.Number("userAccountControl").value_or(0);
-    if ((control & workstationAccount) == 0)
-        throw Error(Status::AccessDenied, account.dn + " is no workstation's account");
-
+std::vector<LdapChange> MachineAccounts::NameChanges(const LdapEntry& account,
+                                                     const HostNames& names,
+                                                     const std::vector<std::string>& principals) {
     // Only what is different: who may reset an account's password need not be allowed the rest.
-    const std::string newControl = std::to_string(control & ~(accountDisabled | accountLocked));
-    const std::vector<std::string> principals = names.ServicePrincipals();
     std::vector<LdapChange> changes;
-    if (account.Value("userAccountControl") != newControl)
-        changes.push_back({LDAP_MOD_REPLACE, "userAccountControl", {newControl}});
     if (!EqualNames(account.Value("dNSHostName"), names.fullName))
         changes.push_back({LDAP_MOD_REPLACE, "dNSHostName", {names.fullName}});
     if (!SameSet(account.Values("servicePrincipalName"), principals))
@@ -151,17 +165,51 @@ void MachineAccounts::Reset(const LdapEntry& account, const HostNames& names,
     if (account.Value("msDS-SupportedEncryptionTypes") != supportedEncryption)
         changes.push_back(
             {LDAP_MOD_REPLACE, "msDS-SupportedEncryptionTypes", {supportedEncryption}});
+    return changes;
+}
+
+void MachineAccounts::Reset(const LdapEntry& account, const HostNames& names,
+                            const Secret& encodedPassword) {
+    const long control = account.Number("userAccountControl").value_or(0);
+    if ((control & workstationAccount) == 0)
+        throw Error(Status::AccessDenied, account.dn + " is no workstation's account");
+
+    const std::string newControl = std::to_string(control & ~(accountDisabled | accountLocked));
+    const std::vector<std::string> principals = names.ServicePrincipals();
+    std::vector<LdapChange> changes = NameChanges(account, names, principals);
+    if (account.Value("userAccountControl") != newControl)
+        changes.push_back({LDAP_MOD_REPLACE, "userAccountControl", {newControl}});
     changes.push_back({LDAP_MOD_REPLACE, "unicodePwd", {encodedPassword.View()}});
     session_.Ldap().Modify(account.dn, changes, session_.End());
 }
 
-int MachineAccounts::KeyVersion(const std::string& dn) {
-    const std::optional<long> version = session_.Ldap()
-                                            .Read(dn, {"msDS-KeyVersionNumber"}, session_.End())
-                                            .Number("msDS-KeyVersionNumber");
+void MachineAccounts::ReplacePassword(const LdapEntry& own, const HostNames& names,
+                                      std::string_view oldPassword, const Secret& password) {
+    const Secret oldEncoded = EncodeUnicodePassword(oldPassword);
+    const Secret newEncoded = EncodeUnicodePassword(password.View());
+    session_.Ldap().Modify(own.dn,
+                           {{LDAP_MOD_DELETE, "unicodePwd", {oldEncoded.View()}},
+                            {LDAP_MOD_ADD, "unicodePwd", {newEncoded.View()}}},
+                           session_.End());
+    const std::vector<std::string> principals = names.ServicePrincipals();
+    const std::vector<LdapChange> changes = NameChanges(own, names, principals);
+    if (!changes.empty())
+        session_.Ldap().Modify(own.dn, changes, session_.End());
+}
+
+int MachineAccounts::KeyVersionOf(const LdapEntry& account) {
+    const std::optional<long> version = account.Number(keyVersionAttribute);
     if (!version)
-        throw Error(Status::InternalError, dn + " has no key version");
+        throw Error(Status::InternalError, account.dn + " has no key version");
     return static_cast<int>(*version);
+}
+
+PendingSearch MachineAccounts::StartKeyVersion(const std::string& dn) {
+    return session_.Ldap().StartRead(dn, {keyVersionAttribute});
+}
+
+int MachineAccounts::FinishKeyVersion(const PendingSearch& search) {
+    return KeyVersionOf(session_.Ldap().FinishRead(search, session_.End()));
 }
 
 void MachineAccounts::Disable(const std::string& dn) {

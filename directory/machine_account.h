@@ -6,10 +6,19 @@
 #include "secret.h"
 #include "session.h"
 
+#include <functional>
 #include <optional>
 #include <string>
 
 namespace tessary::directory {
+
+/// What a join has to know of the domain before it changes anything.
+struct Surroundings {
+    std::string netbiosName;          ///< the domain's
+    std::string domainSid;            ///< in text form
+    std::string container;            ///< distinguished name of the place for a new account
+    std::optional<LdapEntry> account; ///< the host's account, if there is one, wherever it is
+};
 
 /// A computer account found or made.
 struct MachineAccount {
@@ -23,20 +32,32 @@ public:
     /// \param session must outlive this
     explicit MachineAccounts(Session& session) : session_(session) {}
 
-    /// Makes an account for a host, or takes over and enables the one that there is, wherever it
-    /// is, and gives it a password.
+    /// \param accountName with the final '$'
     /// \param unit the organisational unit for a new account, as OrganizationalUnitDn() takes it;
     ///             empty for the domain's usual place
-    /// \throws Error AccessDenied, NoSuchContainer, PasswordRefused, InvalidComputerName;
-    ///         AccessDenied also when the name is one of a domain controller or a user
-    MachineAccount Prepare(const HostNames& names, const std::string& unit, const Secret& password);
+    /// \throws Error NoSuchContainer, also when the account lies elsewhere already
+    Surroundings LookAround(const std::string& accountName, const std::string& unit);
 
-    /// The version of the account's key.
-    int KeyVersion(const std::string& dn);
+    /// Makes an account for a host, or takes over and enables the one that there is, and gives it a
+    /// password.
+    /// \throws Error AccessDenied, PasswordRefused, InvalidComputerName; AccessDenied also when
+    ///         the name is one of a domain controller or a user    /// \param meanwhile called
+    ///         while the controller works on a new account; it must not throw
+    MachineAccount Prepare(const HostNames& names, const Surroundings& around,
+                           const Secret& password, const std::function<void()>& meanwhile);
 
-    /// Where an account is now, or nothing when there is none.
+    /// With the rights of the account itself: gives it another password, and the host's names.
+    /// \throws Error as Prepare()
+    void ReplacePassword(const LdapEntry& own, const HostNames& names, std::string_view oldPassword,
+                         const Secret& password); /// Asks for the version of an account's key,
+                                                  /// without waiting for the answer.
+    PendingSearch StartKeyVersion(const std::string& dn);
+    int FinishKeyVersion(const PendingSearch& search);
+    /// The version of the account's key, as LookAround() or Find() read it.
+    static int KeyVersionOf(const LdapEntry& account);
+    /// An account, wherever it is, or nothing when there is none.
     /// \param accountName with the final '$'
-    std::optional<std::string> Find(const std::string& accountName);
+    std::optional<LdapEntry> Find(const std::string& accountName);
 
     /// Deletes an account with all that is below it.
     void Delete(const std::string& dn) { session_.Ldap().DeleteTree(dn, session_.End()); }
@@ -52,12 +73,14 @@ public:
     void Disable(const std::string& dn);
 
 private:
-    std::optional<LdapEntry> FindEntry(const std::string& accountName);
-    std::string ContainerDn(const std::string& unit);
+    PendingSearch StartFind(const std::string& accountName);
+    std::optional<LdapEntry> FinishFind(const PendingSearch& search);
     void DeleteIfNamed(const std::string& dn, const std::string& accountName,
                        const Deadline& toRead, const Deadline& toDelete);
     std::string Create(const HostNames& names, const std::string& container,
-                       const Secret& encodedPassword);
+                       const Secret& encodedPassword, const std::function<void()>& meanwhile);
+    static std::vector<LdapChange> NameChanges(const LdapEntry& account, const HostNames& names,
+                                               const std::vector<std::string>& principals);
     void Reset(const LdapEntry& account, const HostNames& names, const Secret& encodedPassword);
 
     Session& session_;

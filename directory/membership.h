@@ -23,6 +23,28 @@ namespace tessary::directory {
 void JoinDomain(const std::string& domain, const std::string& unit, const std::string& user,
                 const char* password);
 
+/// A domain as somebody else describes it; what is empty is not known.
+struct DomainDescription {
+    std::string dnsName;
+    std::string netbiosName;
+    std::string sid; ///< in text form
+};
+
+/// A machine account that somebody else has made for this host.
+struct PreparedAccount {
+    std::string name; ///< with the final '$' or without
+    const char* password;
+};
+
+/// Joins this host to a domain with an account that was made for it. Nobody's rights are needed but
+/// the account's own; its password is replaced by one that only this host knows. Otherwise as
+/// JoinDomain(); a join that fails after the replacement leaves an account that has to be prepared
+/// anew.
+/// \throws Error as JoinDomain(); LogonFailure when the account or its password is not known to the
+///         controller, perhaps not yet; DomainMismatch when the domain is another one than
+///         described
+void JoinDomainWithAccount(const DomainDescription& domain, const PreparedAccount& account);
+
 /// Leaves the domain with a user's rights: deletes the host's computer account, or disables it
 /// where that is all the user may do, then forgets the membership and the account's keys. When the
 /// account can be neither deleted nor disabled, the host stays joined. A host that is not joined

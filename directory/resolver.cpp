@@ -13,6 +13,7 @@
 #include <memory>
 #include <random>
 #include <string_view>
+#include <tuple>
 
 namespace tessary::directory {
 namespace {
@@ -116,17 +117,19 @@ void Resolver::AddAddress(const std::string& host, int type, const unsigned char
     }
 }
 
-std::vector<std::string> Resolver::ServiceHosts(const std::string& name) {
+std::vector<ServiceRecord> Resolver::ServiceRecords(const std::string& name) {
     ns_msg message;
     if (!Query(name, ns_t_srv)) {
         if (queryError_ == HOST_NOT_FOUND || queryError_ == NO_DATA)
             throw Error(Status::NoSuchDomain, "no service record " + name);
-        throw Error(Status::NoController, "no name server answers for " + name);
+        throw Error(Status::NoController, (silent_ ? "no name server answers the question for "
+                                                   : "no name server can tell ") +
+                                              name);
     }
     if (ns_initparse(answer_.data(), static_cast<int>(answer_.size()), &message) != 0)
         throw Error(Status::NoController, "malformed answer for " + name);
 
-    std::vector<Service> services;
+    std::vector<ServiceRecord> services;
     ForEachRecord(message, ns_s_an, [&](const ns_rr& record) {
         char host[NS_MAXDNAME];
         const unsigned char* data = ns_rr_rdata(record);
@@ -143,11 +146,17 @@ std::vector<std::string> Resolver::ServiceHosts(const std::string& name) {
     if (services.empty())
         throw Error(Status::NoSuchDomain, "no service record " + name);
 
+    std::sort(services.begin(), services.end(), [](const auto& a, const auto& b) {
+        return std::tie(a.priority, b.weight, a.host) < std::tie(b.priority, a.weight, b.host);
+    });
+    return services;
+}
+
+std::vector<std::string> Resolver::ServiceHosts(const std::string& name) {
+    std::vector<ServiceRecord> services = ServiceRecords(name);
     std::minstd_rand random(std::random_device{}());
-    std::stable_sort(services.begin(), services.end(),
-                     [](const Service& a, const Service& b) { return a.priority < b.priority; });
     for (auto first = services.begin(); first != services.end();) {
-        const auto last = std::find_if(first, services.end(), [&](const Service& service) {
+        const auto last = std::find_if(first, services.end(), [&](const ServiceRecord& service) {
             return service.priority != first->priority;
         });
         ShuffleByWeight(first, last, random);
@@ -155,7 +164,7 @@ std::vector<std::string> Resolver::ServiceHosts(const std::string& name) {
     }
     std::vector<std::string> hosts;
     hosts.reserve(services.size());
-    for (const Service& service : services)
+    for (const ServiceRecord& service : services)
         hosts.push_back(service.host);
     return hosts;
 }

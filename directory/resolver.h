@@ -30,6 +30,13 @@ private:
     int serverCount_;
 };
 
+/// One host of a service, as the domain's records name it.
+struct ServiceRecord {
+    unsigned priority; ///< less comes first
+    unsigned weight;   ///< the heavier, the likelier within one priority
+    std::string host;
+};
+
 /// Asks the name servers of the host's current resolver configuration. Gives up after 6 to 10
 /// seconds, by how many servers there are, when none answers, and asks them nothing more then. Use
 /// by one thread at a time.
@@ -47,18 +54,15 @@ public:
     ///         answers or none can tell
     std::vector<std::string> ServiceHosts(const std::string& name);
 
+    /// The same, always in the same order: by priority, the heaviest first, then by name.
+    std::vector<ServiceRecord> ServiceRecords(const std::string& name);
+
     /// The addresses of a host: one written as an address, one from the hosts file, one that came
     /// with ServiceHosts(), or one from a name server. Port 0.
     /// \return empty when the name does not resolve
     std::vector<SocketAddress> Addresses(const std::string& host);
 
 private:
-    struct Service {
-        unsigned priority;
-        unsigned weight;
-        std::string host;
-    };
-
     bool Query(const std::string& name, int type);
     void AddAddress(const std::string& host, int type, const unsigned char* data, unsigned length);
     void QueryAddresses(const std::string& host, int type);

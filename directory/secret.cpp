@@ -52,11 +52,11 @@ Secret MakeMachinePassword() {
     return password;
 }
 
-Secret EncodeUnicodePassword(const Secret& password) {
-    Secret encoded(2 * (password.Size() + 2));
-    const std::size_t last = password.Size() + 1;
+Secret EncodeUnicodePassword(std::string_view password) {
+    Secret encoded(2 * (password.size() + 2));
+    const std::size_t last = password.size() + 1;
     for (std::size_t i = 0; i <= last; ++i) {
-        encoded.Data()[2 * i] = i == 0 || i == last ? '"' : password.Data()[i - 1];
+        encoded.Data()[2 * i] = i == 0 || i == last ? '"' : password[i - 1];
         encoded.Data()[2 * i + 1] = 0;
     }
     return encoded;

@@ -32,7 +32,7 @@ Secret MakeMachinePassword();
 
 /// The password as Active Directory takes it in unicodePwd: quoted, UTF-16, little-endian.
 /// \param password plain ASCII
-Secret EncodeUnicodePassword(const Secret& password);
+Secret EncodeUnicodePassword(std::string_view password);
 
 } // namespace tessary::directory
 

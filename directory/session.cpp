@@ -1,7 +1,7 @@
 #include "session.h"
 
 #include "error.h"
-#include "keytab.h"
+#include "machine_login.h"
 #include "text.h"
 
 #include <utility>
@@ -11,15 +11,31 @@ namespace {
 
 constexpr std::uint16_t kerberosPort = 88;
 
+/// A controller of a domain that is known to exist.
+Controller LocateTrusted(const std::string& domain, const Deadline& deadline) {
+    try {
+        return LocateController(NormalizeDomainName(domain), {}, deadline);
+    } catch (const Error& error) {
+        if (error.Code() != Status::NoSuchDomain)
+            throw;
+        throw Error(Status::NoController, "the name servers do not know " + domain +
+                                              ", which has a trust with the host's");
+    }
+}
+
 } // namespace
 
 KdcFinder FinderFor(const Controller& controller, const Deadline& deadline) {
-    return [own = controller.realm, address = controller.address.WithPort(kerberosPort),
-            deadline](const std::string& realm) {
-        if (EqualNames(realm, own))
-            return address;
+    return FinderFor(controller, [deadline](const std::string& realm) {
         return LocateController(NormalizeDomainName(realm), {}, deadline)
             .address.WithPort(kerberosPort);
+    });
+}
+
+KdcFinder FinderFor(const Controller& controller, KdcFinder others) {
+    return [own = controller.realm, address = controller.address.WithPort(kerberosPort),
+            others = std::move(others)](const std::string& realm) {
+        return EqualNames(realm, own) ? address : others(realm);
     };
 }
 
@@ -34,7 +50,15 @@ Session::Session(Controller controller, const UserName& user, const char* passwo
 Session::Session(const DomainState& state, const Deadline& deadline)
     : controller_(LocateController(state.domain, {}, deadline)), deadline_(deadline),
       kerberos_(controller_.realm, FinderFor(controller_, deadline), deadline) {
-    LogInAsMachine(kerberos_, state.account, std::string("FILE:") + hostKeytab);
+    LogInAsHost(kerberos_, state);
+    Bind();
+}
+
+Session::Session(const Session& home, const DomainState& state, const std::string& domain)
+    : controller_(LocateTrusted(domain, home.End())), deadline_(home.End()),
+      kerberos_(home.Where().realm, FinderFor(controller_, FinderFor(home.Where(), home.End())),
+                home.End()) {
+    LogInAsHost(kerberos_, state);
     Bind();
 }
 
@@ -47,21 +71,8 @@ void Session::Reconnect(const Deadline& deadline) {
 }
 
 void Session::Bind() {
-    kerberos_.GetServiceTicket("ldap", controller_.host);
+    kerberos_.GetServiceTicket("ldap", controller_.host, controller_.realm);
     Ldap().Bind(kerberos_, deadline_);
-}
-
-void LogInAsMachine(KerberosSession& kerberos, const std::string& account,
-                    const std::string& keytab) {
-    try {
-        kerberos.LogInWithKeytab(account, keytab);
-    } catch (const Error& error) {
-        if (error.Code() == Status::WrongPassword)
-            throw Error(Status::MachineKeyRejected, error.what());
-        if (error.Code() == Status::NoSuchUser)
-            throw Error(Status::NoMachineAccount, error.what());
-        throw;
-    }
 }
 
 } // namespace tessary::directory

@@ -22,6 +22,8 @@ inline constexpr std::chrono::seconds membershipTime{15};
 /// Where to find the key distribution centre of any realm: that of the controller's own realm is
 /// the controller itself; others are located when they are asked for.
 KdcFinder FinderFor(const Controller& controller, const Deadline& deadline);
+/// The same with another way to find those of other realms.
+KdcFinder FinderFor(const Controller& controller, KdcFinder others);
 
 /// A controller, tickets, and an encrypted connection to it. Use by one thread at a time.
 class Session {
@@ -34,6 +36,14 @@ public:
     /// \throws Error MachineKeyRejected or NoMachineAccount where a user would get WrongPassword or
     ///         NoSuchUser
     Session(const DomainState& state, const Deadline& deadline);
+
+    /// Logs in at a controller of another domain, across a trust, with the machine account's own
+    /// key. Everything is over by the deadline of `home`.
+    /// \param home   at a controller of the joined domain
+    /// \param domain the other one's DNS name
+    /// \throws Error as above; AccessDenied when the other domain does not let the host in;
+    ///         NoController also when the domain cannot be found by its name
+    Session(const Session& home, const DomainState& state, const std::string& domain);
 
     /// Goes on, with the same rights, on a new connection to whichever controller answers.
     void Reconnect(const Deadline& deadline);
@@ -50,11 +60,6 @@ private:
     Deadline deadline_;
     KerberosSession kerberos_;
 };
-
-/// Gets an initial ticket with the machine account's own key.
-/// \throws Error as the second constructor of Session
-void LogInAsMachine(KerberosSession& kerberos, const std::string& account,
-                    const std::string& keytab);
 
 } // namespace tessary::directory
 

@@ -3,6 +3,7 @@
 #include "error.h"
 #include "operation.h"
 
+#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 
@@ -35,6 +36,12 @@ SocketAddress::SocketAddress(const sockaddr* address, socklen_t length, std::uin
         reinterpret_cast<sockaddr_in6*>(&storage_)->sin6_port = htons(port);
 }
 
+std::string SocketAddress::Text() const {
+    char text[NI_MAXHOST] = "";
+    getnameinfo(Get(), length_, text, sizeof text, nullptr, 0, NI_NUMERICHOST);
+    return text;
+}
+
 SocketAddress SocketAddress::WithPort(std::uint16_t port) const {
     return SocketAddress(Get(), length_, port);
 }
@@ -53,8 +60,9 @@ bool Poll(std::vector<pollfd>& descriptors, const Deadline& deadline) {
 }
 
 bool WaitFor(int fd, short events, const Deadline& deadline) {
+    // A peer that always has a little more to say does not outlast the deadline.
     std::vector<pollfd> descriptors{{fd, events, 0}};
-    return Poll(descriptors, deadline);
+    return !deadline.Passed() && Poll(descriptors, deadline);
 }
 
 UniqueFd StartConnect(const SocketAddress& address) {

@@ -22,6 +22,9 @@ public:
     const sockaddr* Get() const { return reinterpret_cast<const sockaddr*>(&storage_); }
     socklen_t Length() const { return length_; }
 
+    /// The address without the port, as people write it.
+    std::string Text() const;
+
     /// The same host, another port.
     SocketAddress WithPort(std::uint16_t port) const;
 

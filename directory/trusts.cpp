@@ -2,35 +2,15 @@
 
 #include "domain_state.h"
 #include "error.h"
-#include "keytab.h"
+#include "machine_login.h"
 #include "session.h"
-#include "text.h"
 
 namespace tessary::directory {
 namespace {
 
-constexpr long trustsWithinForest = 0x20; // a bit of trustAttributes
-
-std::vector<LdapEntry> TrustObjects(const DomainState& state) {
-    Session session(state, Deadline::In(queryTime));
-    return session.Ldap().Search(
-        "CN=System," + session.Where().baseDn, LDAP_SCOPE_ONELEVEL, "(objectClass=trustedDomain)",
-        {"trustPartner", "flatName", "trustDirection", "trustAttributes"}, session.End());
-}
-
-Relationship RelationshipOf(const LdapEntry& trust) {
-    if (trust.Number("trustAttributes").value_or(0) & trustsWithinForest)
-        return Relationship::WithinForest;
-    switch (trust.Number("trustDirection").value_or(0)) {
-    case 1:
-        return Relationship::Inbound;
-    case 2:
-        return Relationship::Outbound;
-    case 3:
-        return Relationship::TwoWay;
-    default:
-        return Relationship::None; // a trust that is turned off
-    }
+KnownDomains DomainsKnownTo(const DomainState& state, const Deadline& deadline) {
+    Session session(state, deadline);
+    return KnownDomains::Read(session);
 }
 
 MachineTrust TrustFor(Status status) {
@@ -61,8 +41,10 @@ std::vector<TrustedDomain> TrustedDomains() {
     if (!state)
         throw Error(Status::FileNotFound, "the host is not joined to a domain");
     std::vector<TrustedDomain> domains;
-    for (const LdapEntry& trust : TrustObjects(*state))
-        domains.push_back({trust.Value("trustPartner"), trust.Value("flatName")});
+    const KnownDomains known = DomainsKnownTo(*state, Deadline::In(queryTime));
+    for (const KnownDomain& domain : known.All())
+        if (domain.hasTrustObject)
+            domains.push_back({domain.dnsName, domain.netbiosName});
     return domains;
 }
 
@@ -74,7 +56,7 @@ MachineTrust TestMachineTrust() {
         const Deadline deadline = Deadline::In(queryTime);
         const Controller controller = LocateController(state->domain, {}, deadline);
         KerberosSession kerberos(controller.realm, FinderFor(controller, deadline), deadline);
-        LogInAsMachine(kerberos, state->account, std::string("FILE:") + hostKeytab);
+        LogInAsHost(kerberos, *state);
         return MachineTrust::Good;
     } catch (const Error& error) {
         return TrustFor(error.Code());
@@ -85,24 +67,29 @@ Relationship RelationshipWith(const std::string& domain) {
     const std::optional<DomainState> state = DomainState::Load();
     if (!state)
         return Relationship::Unknown;
-    if (state->IsNamed(domain))
+    const std::string wanted = WithoutFinalDot(domain);
+    if (state->IsNamed(wanted))
         return Relationship::JoinedDomain;
-    for (const LdapEntry& trust : TrustObjects(*state))
-        if (EqualNames(trust.Value("trustPartner"), domain) ||
-            EqualNames(trust.Value("flatName"), domain))
-            return RelationshipOf(trust);
-    return Relationship::None;
+    const KnownDomains known = DomainsKnownTo(*state, Deadline::In(queryTime));
+    const KnownDomain* found = known.Find(wanted);
+    return found ? found->relationship : Relationship::None;
 }
 
 std::string AnyController(const std::string& first, const std::string& domain) {
+    const Deadline deadline = Deadline::In(queryTime);
     std::string wanted = NormalizeDomainName(domain);
     const std::optional<DomainState> state = DomainState::Load();
-    if (state && state->IsNamed(wanted))
+    if (state && state->IsNamed(wanted)) {
         wanted = state->domain;
-    std::vector<std::string> known;
+    } else if (state && wanted.find('.') == std::string::npos) {
+        const KnownDomains known = DomainsKnownTo(*state, deadline);
+        if (const KnownDomain* found = known.Find(wanted))
+            wanted = NormalizeDomainName(found->dnsName);
+    }
+    std::vector<std::string> controllers;
     if (!first.empty())
-        known.push_back(first);
-    return LocateController(wanted, known, Deadline::In(queryTime)).host;
+        controllers.push_back(first);
+    return LocateController(wanted, controllers, deadline).host;
 }
 
 } // namespace tessary::directory

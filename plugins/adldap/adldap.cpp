@@ -1,18 +1,19 @@
 // The provider plug-in: the C table on one side, the Active Directory client on the other.
 
 #include "results.h"
+#include "run.h"
 
+#include "directory/canonical_user.h"
 #include "directory/domain_state.h"
 #include "directory/error.h"
 #include "directory/membership.h"
-#include "directory/operation.h"
 #include "directory/preferred_controllers.h"
+#include "directory/smart_card_services.h"
 #include "directory/trusts.h"
 
 #include "provider_plugin.h"
 
 #include <cstdlib>
-#include <new>
 #include <string>
 #include <vector>
 
@@ -20,22 +21,6 @@ namespace tessary::adldap {
 namespace {
 
 using namespace directory;
-
-/// Runs one operation; no exception leaves the plug-in.
-template <typename Function>
-std::uint32_t Run(Function function) noexcept {
-    try {
-        const Operation operation;
-        function();
-        return static_cast<std::uint32_t>(Status::Success);
-    } catch (const Error& error) {
-        return static_cast<std::uint32_t>(error.Code());
-    } catch (const std::bad_alloc&) {
-        return static_cast<std::uint32_t>(Status::NotEnoughMemory);
-    } catch (...) {
-        return static_cast<std::uint32_t>(Status::InternalError);
-    }
-}
 
 /// An argument that must be there.
 template <typename Pointer>
@@ -47,6 +32,14 @@ Pointer Given(Pointer argument) {
 
 std::string OrEmpty(const char* text) {
     return text ? text : "";
+}
+
+/// The texts of an array that ends with a null pointer.
+std::vector<std::string> Texts(const char* const* array) {
+    std::vector<std::string> texts;
+    for (Given(array); *array; ++array)
+        texts.emplace_back(*array);
+    return texts;
 }
 
 void Release(void* buffer) {
@@ -90,12 +83,7 @@ std::uint32_t GetActiveDomain(ActiveDirectoryDomainNames* domain,
 }
 
 std::uint32_t SetPreferred(const char* const* controllers) {
-    return Run([&] {
-        std::vector<std::string> names;
-        for (Given(controllers); *controllers; ++controllers)
-            names.emplace_back(*controllers);
-        SetPreferredControllers(names);
-    });
+    return Run([&] { SetPreferredControllers(Texts(controllers)); });
 }
 
 std::uint32_t GetPreferred(char*** controllers, ActiveDirectoryReleaseFunction* release) {
@@ -163,6 +151,46 @@ std::uint32_t GetController(const char* first, const char* domain, char** contro
     });
 }
 
+std::uint32_t ConvertUser(const char* userName, char** canonicalName,
+                          ActiveDirectoryReleaseFunction* release) {
+    return Run([&] {
+        *canonicalName = MakeText(CanonicalUserName(Given(userName)));
+        *release = Release;
+    });
+}
+
+std::uint32_t JoinWithAccount(const ActiveDirectoryDomainInfo* domain,
+                              const ActiveDirectoryMachineAccount* account) {
+    return Run([&] {
+        const std::string dnsName = OrEmpty(Given(domain)->dnsName);
+        JoinDomainWithAccount({dnsName.empty() ? OrEmpty(Given(account)->dnsDomainName) : dnsName,
+                               OrEmpty(domain->netbiosName), OrEmpty(domain->sid)},
+                              {OrEmpty(Given(account)->accountName), Given(account->password)});
+    });
+}
+
+std::uint32_t GetPrincipal(const char* domain, char** principal,
+                           ActiveDirectoryReleaseFunction* release) {
+    return Run([&] {
+        *principal = MakeText(HostPrincipalFor(Given(domain)));
+        *release = Release;
+    });
+}
+
+std::uint32_t SetSmartCard(const char* const* services) {
+    return Run([&] { SetSmartCardServices(Texts(services)); });
+}
+
+std::uint32_t GetSmartCard(char*** services, ActiveDirectoryReleaseFunction* release) {
+    return Run([&] {
+        *services = MakeTexts(SmartCardServices());
+        *release = Release;
+    });
+}
+
+/// The table's reserved entry: nobody calls it, and who does finds no null pointer.
+void Reserved() {}
+
 TrustRelationship GetRelationship(const char* domain) {
     TrustRelationship relationship = TrustRelationshipUnknown;
     Run([&] {
@@ -218,17 +246,17 @@ const struct ActiveDirectoryClientOperations ActiveDirectoryClientOperations = {
     .getActiveDomain = tessary::adldap::GetActiveDomain,
     .setPreferredDomainControllers = tessary::adldap::SetPreferred,
     .getPreferredDomainControllers = tessary::adldap::GetPreferred,
-    .reserved = nullptr,
+    .reserved = tessary::adldap::Reserved,
     .getDomainTrustState = tessary::adldap::GetTrustState,
     .getTrustedDomains = tessary::adldap::GetTrusted,
     .getMachineAccountDN = tessary::adldap::GetMachineDn,
     .getAnyDomainController = tessary::adldap::GetController,
-    .convertCanonicalUsername = nullptr,
-    .joinDomainWithMachineAccount = nullptr,
-    .getHostPrincipalForDomain = nullptr,
+    .convertCanonicalUsername = tessary::adldap::ConvertUser,
+    .joinDomainWithMachineAccount = tessary::adldap::JoinWithAccount,
+    .getHostPrincipalForDomain = tessary::adldap::GetPrincipal,
     .getDomainTrustRelationship = tessary::adldap::GetRelationship,
-    .setSmartCardEnabledServices = nullptr,
-    .getSmartCardEnabledServices = nullptr,
+    .setSmartCardEnabledServices = tessary::adldap::SetSmartCard,
+    .getSmartCardEnabledServices = tessary::adldap::GetSmartCard,
 };
 
 } // extern "C"

@@ -1,8 +1,7 @@
 // The provider plug-in against real domain controllers, on a host of the lab.
 
-#include "provider_plugin.h"
+#include "adldap_calls.h"
 
-#include <dlfcn.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -56,109 +55,6 @@ std::string Content(const char* path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
 }
-
-/// Calls the plug-in as the library would, with its results copied and released.
-class Plugin {
-public:
-    Plugin() {
-        void* handle = dlopen("/usr/libexec/tesauth/libadldap.so", RTLD_LAZY | RTLD_GLOBAL);
-        if (!handle)
-            throw std::runtime_error(dlerror());
-        operations_ = static_cast<const ActiveDirectoryClientOperations*>(
-            dlsym(handle, "ActiveDirectoryClientOperations"));
-        metadata_ = static_cast<const ActiveDirectoryClientMetadata*>(
-            dlsym(handle, "ActiveDirectoryClientMetadata"));
-    }
-
-    const ActiveDirectoryClientOperations& Operations() const { return *operations_; }
-    const ActiveDirectoryClientMetadata& Metadata() const { return *metadata_; }
-
-    std::uint32_t Join(const std::string& domain, const std::string& unit, const std::string& user,
-                       const std::string& password) const {
-        const Credentials credentials{user.c_str(), password.c_str()};
-        return operations_->joinDomain(domain.c_str(), unit.empty() ? nullptr : unit.c_str(),
-                                       &credentials);
-    }
-
-    std::uint32_t LeaveAs(const std::string& user, const std::string& password) const {
-        const Credentials credentials{user.c_str(), password.c_str()};
-        return operations_->partDomain(&credentials);
-    }
-
-    std::uint32_t Leave() const { return operations_->partDomain(nullptr); }
-
-    /// "dns netbios", or what stands for null.
-    std::string ActiveDomain() const {
-        ActiveDirectoryDomainNames names{nullptr, nullptr};
-        ActiveDirectoryReleaseFunction release = nullptr;
-        EXPECT_EQ(operations_->getActiveDomain(&names, &release), 0u);
-        std::string text;
-        for (char* name : {names.dnsName, names.netbiosName}) {
-            text += (text.empty() ? "" : " ") + std::string(name ? name : "(null)");
-            if (name)
-                release(name);
-        }
-        return text;
-    }
-
-    std::string MachineDn() const {
-        char* dn = nullptr;
-        ActiveDirectoryReleaseFunction release = nullptr;
-        const std::uint32_t status = operations_->getMachineAccountDN(&dn, &release);
-        return status == 0 ? Take(dn, release) : "status " + std::to_string(status);
-    }
-
-    std::string Controller(const char* first, const std::string& domain) const {
-        char* name = nullptr;
-        ActiveDirectoryReleaseFunction release = nullptr;
-        const std::uint32_t status =
-            operations_->getAnyDomainController(first, domain.c_str(), &name, &release);
-        return status == 0 ? Take(name, release) : "status " + std::to_string(status);
-    }
-
-    std::vector<std::string> Trusted(std::uint32_t expectedStatus = 0) const {
-        ActiveDirectoryDomainNames** domains = nullptr;
-        ActiveDirectoryReleaseFunction release = nullptr;
-        const std::uint32_t status = operations_->getTrustedDomains(&domains, &release);
-        EXPECT_EQ(status, expectedStatus);
-        std::vector<std::string> result;
-        if (status != 0)
-            return result;
-        for (ActiveDirectoryDomainNames** each = domains; *each; ++each)
-            result.push_back(std::string((*each)->dnsName) + " " + (*each)->netbiosName);
-        release(domains);
-        return result;
-    }
-
-    std::uint32_t SetPreferred(const std::vector<std::string>& controllers) const {
-        std::vector<const char*> pointers;
-        for (const std::string& controller : controllers)
-            pointers.push_back(controller.c_str());
-        pointers.push_back(nullptr);
-        return operations_->setPreferredDomainControllers(pointers.data());
-    }
-
-    std::vector<std::string> Preferred() const {
-        char** controllers = nullptr;
-        ActiveDirectoryReleaseFunction release = nullptr;
-        EXPECT_EQ(operations_->getPreferredDomainControllers(&controllers, &release), 0u);
-        std::vector<std::string> result;
-        for (char** each = controllers; *each; ++each)
-            result.push_back(*each);
-        release(controllers);
-        return result;
-    }
-
-private:
-    static std::string Take(char* text, ActiveDirectoryReleaseFunction release) {
-        const std::string result(text);
-        release(text);
-        return result;
-    }
-
-    const ActiveDirectoryClientOperations* operations_;
-    const ActiveDirectoryClientMetadata* metadata_;
-};
 
 class AdldapTest : public testing::Test {
 protected:

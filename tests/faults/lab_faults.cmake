@@ -20,3 +20,11 @@ tesauth_lab_test(lab_exit
 target_compile_definitions(lab_exit PRIVATE
                            LAB_EXIT_PROGRAM_FILE="$<TARGET_FILE:lab_exit_program>")
 add_dependencies(lab_exit lab_exit_program)
+
+tesauth_lab_test(lab_key_rotation
+  SOURCES lab_key_rotation_test.cpp
+  LIBRARIES tesauth_directory
+  IN host1)
+# The library under test calls this binary's version of some functions.
+set_target_properties(lab_key_rotation PROPERTIES ENABLE_EXPORTS ON)
+target_link_libraries(lab_key_rotation PRIVATE ${CMAKE_DL_LIBS})

@@ -1,0 +1,58 @@
+/// A new key for the host's account, under a keytab that never stops working.
+#ifndef TESSARY_DIRECTORY_KEY_CHANGE_H
+#define TESSARY_DIRECTORY_KEY_CHANGE_H
+
+#include "domain_state.h"
+#include "error.h"
+#include "kerberos.h"
+#include "keytab.h"
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace tessary::directory {
+
+/// Between the moment in which the domain takes a new key and the one in which it is in the keytab,
+/// a service of the host could not read a ticket made with it; and should the domain's answer get
+/// lost, nobody would know which of the two keys is the right one. So the new key goes into the
+/// keytab first, beside the old one, under the names of the services: they take any ticket that
+/// either key fits. The account's own name, which the host logs in with, keeps the old key until
+/// the domain has taken the new one. LogInAsHost() knows that there may be a newer one.
+///
+/// Old keys stay as long as tickets made with them may be around: a week after the next one came.
+///
+/// Hold the membershipLock. Use by one thread.
+class KeyChange {
+public:
+    /// \param context must outlive this
+    /// \param version of the key that the account has before the change
+    KeyChange(krb5_context context, const DomainState& state, int version);
+
+    /// Puts the new key beside the old one.
+    void Stage(const std::vector<AccountKey>& newKeys);
+    /// Takes the new key out again. Only for a domain that has said no: a change that has merely
+    /// not been answered may still be made.
+    void TakeBack();
+    /// Makes the new key the account's.
+    void Finish(const std::vector<AccountKey>& newKeys);
+
+    /// Which entries stay beside the new key once that is the account's.
+    bool Stays(const KeytabEntryName& entry) const;
+    bool IsOfAccount(const std::string& principal) const;
+
+    /// Whether a change that failed so may have been made, or may yet be.
+    static bool MayStillHappen(const Error& error);
+
+private:
+    krb5_context context_;
+    std::string accountPrincipal_;
+    std::vector<std::string> principals_;
+    int version_;
+    std::map<int, krb5_timestamp> since_; // when each version came into the keytab
+    krb5_timestamp now_;
+};
+
+} // namespace tessary::directory
+
+#endif

@@ -1,0 +1,1 @@
+../../../src/provider/maintenance_plugin.h

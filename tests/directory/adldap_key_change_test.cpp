@@ -1,0 +1,174 @@
+// Which keys a keytab has before, during and after a change of the account's key.
+
+#include "directory/domain_state.h"
+#include "directory/kerberos_profile.h"
+#include "directory/key_change.h"
+#include "directory/keytab.h"
+
+#include <dlfcn.h>
+#include <krb5.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <ctime>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+namespace {
+time_t timePassed = 0; // since now, in seconds
+}
+
+extern "C" __attribute__((visibility("default"))) time_t time(time_t* result) noexcept {
+    static const auto real = reinterpret_cast<time_t (*)(time_t*)>(dlsym(RTLD_NEXT, "time"));
+    const time_t now = real(nullptr) + timePassed;
+    if (result)
+        *result = now;
+    return now;
+}
+
+namespace tessary::directory {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr time_t hour = 60 * 60;
+constexpr time_t week = 7 * 24 * hour;
+constexpr char account[] = "WEB1$@CORP.EXAMPLE";
+constexpr char service[] = "host/web1.corp.example@CORP.EXAMPLE";
+
+class KeyChangeTest : public testing::Test {
+protected:
+    KeyChangeTest() : context_(MakeKerberosContext("CORP.EXAMPLE")) {
+        state_.realm = "CORP.EXAMPLE";
+        state_.account = "WEB1$";
+        state_.shortName = "web1";
+        state_.fullName = "web1.corp.example";
+    }
+    ~KeyChangeTest() override {
+        krb5_free_context(context_);
+        std::remove(hostKeytab);
+    }
+
+    /// Keys that differ from those of every other letter.
+    std::vector<AccountKey> Keys(char letter) {
+        std::vector<AccountKey> keys;
+        for (const krb5_enctype type : encryptionTypes) {
+            krb5_keyblock key{};
+            std::string text(20, letter);
+            krb5_data password{KV5M_DATA, static_cast<unsigned>(text.size()), text.data()};
+            krb5_data salt{KV5M_DATA, 1, &letter};
+            EXPECT_EQ(krb5_c_string_to_key(context_, type, &password, &salt, &key), 0);
+            keys.emplace_back(context_, key);
+        }
+        return keys;
+    }
+
+    static std::string Bytes(const AccountKey& key) {
+        return {reinterpret_cast<const char*>(key.Get().contents), key.Get().length};
+    }
+
+    /// One change after the other, that of version N + 1 after so much time.
+    void Change(int version, time_t after) {
+        timePassed += after;
+        KeyChange change(context_, state_, version);
+        change.Stage(Keys('a'));
+        change.Finish(Keys('a'));
+    }
+
+    std::set<int> Versions(const std::string& principal) const {
+        std::set<int> versions;
+        for (const KeytabKey& key : ReadHostKeys(context_, {principal}))
+            versions.insert(key.name.version);
+        return versions;
+    }
+
+    krb5_context context_;
+    DomainState state_;
+};
+
+TEST_F(KeyChangeTest, NewKeyIsTheServicesFirst) {
+    Change(0, 0);
+    KeyChange change(context_, state_, 1);
+    change.Stage(Keys('b'));
+    EXPECT_THAT(Versions(account), ElementsAre(1));
+    EXPECT_THAT(Versions(service), ElementsAre(1, 2));
+    change.Finish(Keys('b'));
+    EXPECT_THAT(Versions(account), ElementsAre(1, 2));
+    EXPECT_THAT(Versions(service), ElementsAre(1, 2));
+}
+
+TEST_F(KeyChangeTest, KeyThatWasTakenBackIsGone) {
+    Change(0, 0);
+    KeyChange change(context_, state_, 1);
+    change.Stage(Keys('b'));
+    change.TakeBack();
+    EXPECT_THAT(Versions(account), ElementsAre(1));
+    EXPECT_THAT(Versions(service), ElementsAre(1));
+}
+
+TEST_F(KeyChangeTest, KeyOfAChangeThatNeverCameAboutGoesWithTheNext) {
+    Change(0, 0);
+    KeyChange(context_, state_, 1).Stage(Keys('b'));
+    KeyChange(context_, state_, 1).Stage(Keys('c'));
+    const std::vector<AccountKey> latest = Keys('c');
+    std::size_t found = 0; // one for each kind of encryption
+    for (const KeytabKey& each : ReadHostKeys(context_, {service})) {
+        if (each.name.version != 2)
+            continue;
+        ASSERT_LT(found, latest.size());
+        EXPECT_EQ(Bytes(each.key), Bytes(latest[found++]));
+    }
+    EXPECT_EQ(found, latest.size());
+}
+
+TEST_F(KeyChangeTest, OldKeyStaysAWeekBeyondTheNext) {
+    Change(0, 0);
+    Change(1, 30 * 24 * hour);
+    EXPECT_THAT(Versions(service), ElementsAre(1, 2)) << "its age does not matter";
+    Change(2, week - hour);
+    EXPECT_THAT(Versions(service), ElementsAre(1, 2, 3));
+    Change(3, 2 * hour);
+    EXPECT_THAT(Versions(service), ElementsAre(2, 3, 4));
+    EXPECT_THAT(Versions(account), ElementsAre(2, 3, 4));
+    Change(4, week + hour);
+    EXPECT_THAT(Versions(service), ElementsAre(4, 5));
+}
+
+TEST_F(KeyChangeTest, KeysOfOthersStay) {
+    KeytabReplacement others(context_, std::vector<std::string>());
+    others.Add({"nfs/web1@OTHER.EXAMPLE"}, 900, Keys('o'));
+    others.Commit();
+    Change(0, 0);
+    Change(1, 2 * week);
+    Change(2, 2 * week);
+    EXPECT_THAT(Versions("nfs/web1@OTHER.EXAMPLE"), ElementsAre(900));
+    EXPECT_THAT(Versions(service), ElementsAre(2, 3));
+}
+
+TEST_F(KeyChangeTest, KeytabIsForRootOnly) {
+    Change(0, 0);
+    struct stat information {};
+    ASSERT_EQ(stat(hostKeytab, &information), 0);
+    EXPECT_EQ(information.st_mode & 07777, 0600u);
+}
+
+TEST_F(KeyChangeTest, OnlyADomainThatHasAnsweredHasRefused) {
+    EXPECT_FALSE(KeyChange::MayStillHappen(Error(Status::PasswordRefused, "")));
+    EXPECT_FALSE(KeyChange::MayStillHappen(Error(Status::AccessDenied, "")));
+    EXPECT_TRUE(KeyChange::MayStillHappen(Error(Status::TimedOut, "")));
+    EXPECT_TRUE(KeyChange::MayStillHappen(Error(Status::NoController, "")));
+    EXPECT_TRUE(KeyChange::MayStillHappen(Error(Status::ConnectionRefused, "")));
+    EXPECT_TRUE(KeyChange::MayStillHappen(Error(Status::InternalError, "")));
+}
+
+TEST_F(KeyChangeTest, HostWithoutAKeytabHasNoKeys) {
+    EXPECT_THAT(ReadHostKeys(context_, {account, service}), IsEmpty());
+}
+
+} // namespace
+} // namespace tessary::directory
