@@ -18,6 +18,7 @@ struct Answer {
     std::string text; ///< lines, the last one without its line end
     Json json;
     std::optional<Failure> failure = std::nullopt;
+    ExitCode exitCode = ExitCode::Done; ///< of an answer that is itself bad news
 };
 
 } // namespace ctl

@@ -1,6 +1,7 @@
 #include "command_line.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <iostream>
 
 namespace ctl {
@@ -10,6 +11,9 @@ namespace {
 constexpr const char* exitCodes = "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 not permitted";
 
 constexpr int longestTimeoutSeconds = 86400;
+
+/// A hundred years, and still a number of seconds that the provider can be told.
+constexpr int mostDays = 36500;
 
 const Verb verbs[] = {
     {"store", "list", "List the stores; a star marks the active one", "tesauthctl store list",
@@ -24,12 +28,28 @@ const Verb verbs[] = {
      "tesauthctl leave -U Administrator", true, Leave},
     {nullptr, "status", "Show what this host is joined to and how well that works",
      "tesauthctl status --timeout 2", false, ShowStatus},
+    {nullptr, "diagnose", "Look for what is wrong with this host, its domain and the way between",
+     "tesauthctl diagnose corp.example", false, Diagnose},
+    {nullptr, "rotate-key", "Give this host's machine account a new key",
+     "tesauthctl rotate-key --older-than 30", true, RotateKey},
     {nullptr, "trusts", "List the domains that the joined domain trusts", "tesauthctl trusts",
      false, ListTrustedDomains},
     {nullptr, "trust", "Show how the joined domain trusts another one",
      "tesauthctl trust lab.example", false, ShowTrust},
     {nullptr, "dc", "Find a domain controller of a domain", "tesauthctl dc corp.example", false,
      FindDomainController},
+    {nullptr, "user", "Print the canonical name of a user", "tesauthctl user alice@corp.example",
+     false, ShowUser},
+    {nullptr, "principal", "Print this host's principal in a domain",
+     "tesauthctl principal corp.example", false, ShowPrincipal},
+    {"dcs", "get", "List the preferred domain controllers", "tesauthctl dcs get", false,
+     GetDomainControllers},
+    {"dcs", "set", "Set the preferred domain controllers; none means no preference",
+     "tesauthctl dcs set dc1.corp.example 192.0.2.7", true, SetDomainControllers},
+    {"smartcard", "get", "List the services that take smart cards", "tesauthctl smartcard get",
+     false, GetSmartCardServices},
+    {"smartcard", "set", "Set the services that take smart cards; none means no service",
+     "tesauthctl smartcard set login sshd", true, SetSmartCardServices},
     {"option", "get", "Print an advanced option of this host",
      "tesauthctl option get UserVars.ActiveDirectoryVerifyAPXCertificate", false, GetOption},
     {"option", "set", "Set an advanced option of this host",
@@ -43,6 +63,8 @@ struct Group {
 
 constexpr Group groups[] = {
     {"store", "Which accounts this host authenticates"},
+    {"dcs", "Domain controllers that this host asks first"},
+    {"smartcard", "Services that take smart cards"},
     {"option", "Advanced options of this host"},
 };
 
@@ -54,8 +76,8 @@ void AddDomain(CLI::App& app, Arguments& arguments, const char* name, const char
     app.add_option(name, arguments.domain, description)->required()->check(notEmpty);
 }
 
-void AddTimeout(CLI::App& app, Arguments& arguments) {
-    app.add_option("--timeout", arguments.timeoutSeconds, "Seconds to wait for the directory")
+void AddTimeout(CLI::App& app, int& seconds) {
+    app.add_option("--timeout", seconds, "Seconds to wait for the directory")
         ->check(CLI::Range(1, longestTimeoutSeconds))
         ->capture_default_str();
 }
@@ -78,8 +100,44 @@ CLI::Option* AddUser(CLI::App& app, Arguments& arguments) {
     return user;
 }
 
-void AddName(CLI::App& app, Arguments& arguments, const char* name, const char* description) {
-    app.add_option(name, arguments.name, description)->required();
+CLI::Option* AddName(CLI::App& app, Arguments& arguments, const char* name,
+                     const char* description) {
+    return app.add_option(name, arguments.name, description)->required();
+}
+
+/// Any number of names, none as well. The brackets around an IPv6 address fall away.
+void AddNames(CLI::App& app, Arguments& arguments, const char* name, const char* description) {
+    app.add_option(name, arguments.names, description)->check(notEmpty);
+}
+
+void AddJoin(CLI::App& app, Arguments& arguments) {
+    AddDomain(app, arguments, "DOMAIN[/UNIT]",
+              "Domain, and organisational unit for the machine account, from the top");
+    AddUser(app, arguments)->required();
+    app.add_flag("--skip-hostname-check", arguments.skipHostnameCheck,
+                 "Neither check nor complete the host's name first");
+}
+
+void AddDiagnose(CLI::App& app, Arguments& arguments) {
+    app.add_option("DOMAIN", arguments.domain,
+                   "DNS name of the domain; the one that the host is joined to unless told")
+        ->check(notEmpty);
+    AddTimeout(app, arguments.diagnosisSeconds);
+}
+
+void AddOlderThan(CLI::App& app, Arguments& arguments) {
+    app.add_option("--older-than", arguments.olderThanDays,
+                   "Leave a key alone that is younger than so many days")
+        ->check(CLI::Range(0, mostDays))
+        ->capture_default_str();
+}
+
+/// Whether a verb waits for the directory no longer than it is told.
+bool IsBoundedQuestion(const Verb& verb) {
+    static constexpr Answer (*questions[])(const Arguments&) = {
+        ShowStatus,    ListTrustedDomains,   ShowTrust,           FindDomainController, ShowUser,
+        ShowPrincipal, GetDomainControllers, GetSmartCardServices};
+    return std::find(std::begin(questions), std::end(questions), verb.run) != std::end(questions);
 }
 
 /// What each verb takes beyond --json.
@@ -87,23 +145,32 @@ void AddArguments(const Verb& verb, CLI::App& app, Arguments& arguments) {
     if (verb.run == ActivateStore) {
         AddName(app, arguments, "NAME", "Name of the store, see `store list`");
     } else if (verb.run == Join) {
-        AddDomain(app, arguments, "DOMAIN[/UNIT]",
-                  "Domain, and organisational unit for the machine account, from the top");
-        AddUser(app, arguments)->required();
-        app.add_flag("--skip-hostname-check", arguments.skipHostnameCheck,
-                     "Neither check nor complete the host's name first");
+        AddJoin(app, arguments);
     } else if (verb.run == Leave) {
         AddUser(app, arguments);
-    } else if (verb.run == ShowStatus || verb.run == ListTrustedDomains) {
-        AddTimeout(app, arguments);
-    } else if (verb.run == ShowTrust || verb.run == FindDomainController) {
+    } else if (verb.run == Diagnose) {
+        AddDiagnose(app, arguments);
+    } else if (verb.run == RotateKey) {
+        AddOlderThan(app, arguments);
+    } else if (verb.run == ShowTrust || verb.run == FindDomainController ||
+               verb.run == ShowPrincipal) {
         AddDomain(app, arguments, "DOMAIN", "DNS name of the domain");
-        AddTimeout(app, arguments);
+    } else if (verb.run == ShowUser) {
+        AddName(app, arguments, "NAME",
+                "DOMAIN\\NAME, NAME@DOMAIN, DOMAIN/CONTAINER/NAME or a distinguished name")
+            ->check(notEmpty);
+    } else if (verb.run == SetDomainControllers) {
+        AddNames(app, arguments, "CONTROLLER", "Name or address, the first choice first");
+    } else if (verb.run == SetSmartCardServices) {
+        AddNames(app, arguments, "SERVICE", "Name of a service, as PAM has it");
     } else if (verb.run == GetOption || verb.run == SetOption) {
         AddName(app, arguments, "NAME", "Name of the option, dots between its levels");
     }
     if (verb.run == SetOption) {
         app.add_option("VALUE", arguments.value, "New value")->required();
+    }
+    if (IsBoundedQuestion(verb)) {
+        AddTimeout(app, arguments.timeoutSeconds);
     }
 }
 

@@ -9,6 +9,7 @@ namespace ctl {
 
 namespace auth = tessary::authentication;
 using Clock = std::chrono::steady_clock;
+using Source = auth::ActiveDirectoryProvider;
 
 namespace {
 
@@ -39,8 +40,7 @@ private:
 } // namespace
 
 DirectoryProbe::DirectoryProbe(std::chrono::seconds limit)
-    : ActiveDirectoryStore(static_cast<int>(limit.count())), limit_(limit),
-      deadline_(Clock::now() + limit) {}
+    : HostStore(static_cast<int>(limit.count())), limit_(limit), deadline_(Clock::now() + limit) {}
 
 DirectoryProbe::Request DirectoryProbe::AskConfiguration() const {
     return StartOrAttachToRequest("StoreConfig", [source = provider](const std::string& key) {
@@ -67,13 +67,47 @@ DirectoryProbe::Request DirectoryProbe::AskTrustRelationship(const std::string& 
                                   });
 }
 
+template <typename Answer, typename Call>
+DirectoryProbe::Request DirectoryProbe::Ask(const std::string& key,
+                                            const std::shared_ptr<Answer>& answer,
+                                            Call call) const {
+    return StartOrAttachToRequest(key, [source = provider, answer, call](const std::string& own) {
+        OwnRequest(own).CarryOut([&] { *answer = call(*source); });
+    });
+}
+
 DirectoryProbe::Request
 DirectoryProbe::AskDomainController(const std::string& domain,
                                     const std::shared_ptr<std::string>& name) const {
-    return StartOrAttachToRequest(
-        "DomainController:" + domain, [source = provider, domain, name](const std::string& key) {
-            OwnRequest(key).CarryOut([&] { *name = source->GetAnyDomainController("", domain); });
-        });
+    return Ask("DomainController:" + domain, name, [domain](const Source& source) {
+        return source.GetAnyDomainController("", domain);
+    });
+}
+
+DirectoryProbe::Request DirectoryProbe::AskPreferredDomainControllers(
+    const std::shared_ptr<std::deque<std::string>>& names) const {
+    return Ask("PreferredDomainControllers", names,
+               [](const Source& source) { return source.GetPreferredDomainControllers(); });
+}
+
+DirectoryProbe::Request
+DirectoryProbe::AskCanonicalName(const std::string& user,
+                                 const std::shared_ptr<std::string>& name) const {
+    return Ask("CanonicalName:" + user, name,
+               [user](const Source& source) { return source.ConvertCanonicalUsername(user); });
+}
+
+DirectoryProbe::Request
+DirectoryProbe::AskHostPrincipal(const std::string& domain,
+                                 const std::shared_ptr<std::string>& principal) const {
+    return Ask("HostPrincipal:" + domain, principal,
+               [domain](const Source& source) { return source.GetHostPrincipalForDomain(domain); });
+}
+
+DirectoryProbe::Request DirectoryProbe::AskSmartCardServices(
+    const std::shared_ptr<std::vector<std::string>>& services) const {
+    return Ask("SmartCardServices", services,
+               [](const Source& source) { return source.GetSmartCardEnabledServices(); });
 }
 
 void DirectoryProbe::Await(const Request& request) const {

@@ -6,8 +6,9 @@
 #include <deque>
 #include <memory>
 #include <string>
+#include <vector>
 
-#include "tesauth/active_directory_store.h"
+#include "host_store.h"
 
 namespace ctl {
 
@@ -18,7 +19,7 @@ namespace ctl {
 /// Ask... starts a question and returns at once; all questions run side by side. Await waits for
 /// one of them. What the directory answered is then read from the getters. A question that nobody
 /// waits for any more runs on until the process ends, so leave with _exit.
-class DirectoryProbe : private tessary::authentication::ActiveDirectoryStore {
+class DirectoryProbe : private HostStore {
 public:
     using Request = std::shared_ptr<tessary::authentication::RequestState>;
 
@@ -29,9 +30,17 @@ public:
     Request AskTrustedDomains() const;
     Request AskTrustState() const;
     Request AskTrustRelationship(const std::string& domain) const;
-    /// `name` receives the controller's name.
+
+    // The last argument receives the answer; it is complete once the request has been awaited.
     Request AskDomainController(const std::string& domain,
                                 const std::shared_ptr<std::string>& name) const;
+    Request
+    AskPreferredDomainControllers(const std::shared_ptr<std::deque<std::string>>& names) const;
+    Request AskCanonicalName(const std::string& user,
+                             const std::shared_ptr<std::string>& name) const;
+    Request AskHostPrincipal(const std::string& domain,
+                             const std::shared_ptr<std::string>& principal) const;
+    Request AskSmartCardServices(const std::shared_ptr<std::vector<std::string>>& services) const;
 
     /// Waits for an answer until the deadline. Throws ProviderCallTimedOutException when it passes
     /// first, and what the directory failed with.
@@ -43,6 +52,10 @@ public:
     TrustRelationship RelationshipTo(const std::string& domain) const;
 
 private:
+    /// Starts a question that the store has no request for.
+    template <typename Answer, typename Call>
+    Request Ask(const std::string& key, const std::shared_ptr<Answer>& answer, Call call) const;
+
     std::chrono::seconds limit_;
     std::chrono::steady_clock::time_point deadline_;
 };

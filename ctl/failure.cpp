@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "hostctl/host.h"
+#include "maintenance.h"
 #include "orvcfg/config_store.h"
 #include "tesauth/exceptions.h"
 
@@ -19,30 +20,58 @@ bool Is(const std::exception& failure) {
     return dynamic_cast<const T*>(&failure) != nullptr;
 }
 
+constexpr const char* settingsHint = "`tesauthctl diagnose` checks the settings files";
+constexpr const char* stateHint =
+    "check that /var/lib/tessary can be written and that its file system is not full";
+
 struct Hint {
     bool (*fits)(const std::exception& failure);
     const char* text;
+    const char* forHost = nullptr; ///< when the host's own account acts; null: the same text
 };
 
 const Hint hints[] = {
     {Is<auth::FileNotFoundException>, "is the host joined to a domain? `tesauthctl status` tells"},
     {Is<auth::AccessDeniedException>,
      "the account lacks the right to do this in the directory; name an account that has it, or an "
-     "organisational unit in which it has it (DOMAIN/UNIT)"},
-    {Is<auth::InvalidPasswordException>,
-     "the user name is known, the password is wrong: try again"},
-    {Is<auth::LogonFailureException>, "check the user name and the password"},
-    {Is<auth::NoSuchUserException>, "check the user name, and that it is a user of this domain"},
-    {Is<auth::InvalidAccountNameException>, "write the user name as NAME or NAME@DOMAIN"},
-    {Is<auth::PasswordExpiredException>, "change the user's password first, then try again"},
+     "organisational unit in which it has it (DOMAIN/UNIT)",
+     "the host's own account lacks the right to do this in the directory, or a file of this host, "
+     "such as /etc/krb5.keytab, cannot be used: try again as root"},
+    {Is<auth::NotEnoughMemoryException>,
+     "the host is out of memory, or this process may use no more of it"},
+    {Is<auth::InvalidPasswordException>, "the user name is known, the password is wrong: try again",
+     "the domain does not accept this host's key: join the host again"},
+    {Is<auth::InvalidParameterException>,
+     "check what was given: a domain controller is a DNS name or an address, a service a plain "
+     "name"},
+    {Is<auth::CallNotImplementedException>,
+     "the directory provider cannot do this; /etc/tessary/tesauth/provider.conf names it"},
+    {Is<auth::LogonFailureException>, "check the user name and the password",
+     "the domain does not accept this host's key: join the host again"},
+    {Is<auth::NoSuchUserException>, "check the user name, and that it is a user of this domain",
+     "check the name, and the domain that it is looked up in"},
+    {Is<auth::InvalidAccountNameException>, "write the user name as NAME or NAME@DOMAIN",
+     "write the user as DOMAIN\\NAME (quoted in a shell), NAME@DOMAIN, DOMAIN/CONTAINER/NAME or a "
+     "distinguished name"},
+    {Is<auth::PasswordExpiredException>, "change the user's password first, then try again",
+     "the machine account's password has expired: join the host again"},
     {Is<auth::AccountDisabledException>,
-     "the user is disabled, locked or expired; name another one or have it enabled"},
+     "the user is disabled, locked or expired; name another one or have it enabled",
+     "the machine account is disabled, locked or expired: have it enabled in the directory, or "
+     "join the host again"},
+    {Is<auth::IllFormedPasswordException>,
+     "the domain refuses a character of the new password: look for a password filter on its "
+     "domain controllers"},
+    {Is<auth::PasswordRestrictionException>,
+     "the domain refuses the new machine password: give computers a password policy that allows "
+     "it, or wait until its minimum age has passed"},
     {Is<auth::TimeSkewException>,
      "set this host's clock, for instance from the domain controllers' "
      "time service; they accept five minutes of difference"},
     {Is<auth::NoSuchDomainException>,
      "check the name, and that the name servers in /etc/resolv.conf know the domain"},
     {Is<auth::InvalidDomainNameException>, "write the domain by its DNS name, as corp.example"},
+    {Is<auth::NoNetworkException>, "bring up the host's network first"},
     {Is<auth::NoLogonServersException>,
      "no domain controller answered: check the network and the name servers in /etc/resolv.conf"},
     {Is<auth::ConnectionRefusedException>,
@@ -56,23 +85,43 @@ const Hint hints[] = {
     {Is<auth::SetupAlreadyJoinedException>, "leave that domain first: tesauthctl leave"},
     {Is<auth::NoTrustSAMAccountException>, "join the host again"},
     {Is<auth::NoTrustLSASecretException>, "join the host again"},
+    {Is<auth::DomainTrustInconsistentException>,
+     "the domain is not the one that it was: leave it and join it again"},
+    {Is<auth::RPCSCallInProgressException>,
+     "another join, leave or change of the key is running: try again when it is done"},
+    {Is<auth::InternalErrorException>, "`tesauthctl diagnose` looks at the host and the domain"},
     {Is<auth::InvalidHostNameException>,
      "give the host a name of its own and a line in /etc/hosts: ADDRESS NAME.DOMAIN NAME"},
     {Is<auth::InvalidActiveDirectoryProviderException>,
      "check the key \"provider\" in /etc/tessary/tesauth/provider.conf"},
     {Is<auth::ProviderCallTimedOutException>,
      "is a domain controller running? a longer --timeout waits longer"},
-    {Is<OrvConfigStore::ConfigStoreException>,
-     "check that /var/lib/tessary can be written and that its file system is not full"},
+    {Is<auth::ConfigurationError>, settingsHint},
+    {Is<auth::InvalidKeyException>, settingsHint},
+    {Is<auth::IOError>, settingsHint},
+    {Is<OrvConfigStore::ConfigStoreException>, stateHint},
+    {Is<HostCtl::Lib::HostCtlException>, stateHint},
 };
 
-const char* HintFor(const std::exception& failure) {
+std::string HintFor(const std::exception& failure, ActingAccount account) {
     for (const Hint& hint : hints) {
         if (hint.fits(failure)) {
-            return hint.text;
+            const bool forHost = account == ActingAccount::Host && hint.forHost != nullptr;
+            return forHost ? hint.forHost : hint.text;
         }
     }
     return "";
+}
+
+/// What the provider says about a failure that it reported. One is the library's own: that the
+/// provider lacks an operation.
+std::string CauseOf(const auth::Exception& failure) {
+    if (failure.GetCode() == 0 || Is<auth::CallNotImplementedException>(failure)) {
+        return "";
+    }
+    const auto maintenance = Maintenance::OfLoadedProvider();
+    return maintenance ? maintenance->DescribeFailure(static_cast<uint32_t>(failure.GetCode()))
+                       : "";
 }
 
 bool MayNot(const char* path, int mode) {
@@ -104,10 +153,11 @@ ExitCode ExitCodeFor(const std::exception& failure) {
                                                                           : ExitCode::Failed;
 }
 
-Failure Describe(const std::exception& failure) {
-    Failure told = {ExitCodeFor(failure), failure.what(), 0, HintFor(failure)};
+Failure Describe(const std::exception& failure, ActingAccount account) {
+    Failure told = {ExitCodeFor(failure), failure.what(), 0, HintFor(failure, account), ""};
     if (const auto* numbered = dynamic_cast<const auth::Exception*>(&failure)) {
         told.code = numbered->GetCode();
+        told.cause = CauseOf(*numbered);
     }
     if (const auto* hinted = dynamic_cast<const HintedError*>(&failure)) {
         told.hint = hinted->Hint();
@@ -120,13 +170,13 @@ Failure Describe(const std::exception& failure) {
 
 } // namespace
 
-Failure DescribeFailure(const std::exception_ptr& thrown) {
+Failure DescribeFailure(const std::exception_ptr& thrown, ActingAccount account) {
     try {
         std::rethrow_exception(thrown);
     } catch (const std::exception& failure) {
-        return Describe(failure);
+        return Describe(failure, account);
     } catch (...) {
-        return {ExitCode::Failed, "a failure of unknown kind", 0, ""};
+        return {ExitCode::Failed, "a failure of unknown kind", 0, "", ""};
     }
 }
 

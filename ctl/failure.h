@@ -17,7 +17,11 @@ struct Failure {
     std::string text;
     unsigned long code; ///< the number that a library exception carries, 0 without one
     std::string hint;   ///< what to do next; empty when we don't know
+    std::string cause;  ///< why the provider reported the code; empty when it doesn't tell
 };
+
+/// The account that a verb acts with in the directory.
+enum class ActingAccount { Host, User };
 
 /// The command line made no sense, in a way that only the verb could see.
 class UsageError : public std::runtime_error {
@@ -42,8 +46,10 @@ private:
     std::string hint_;
 };
 
-/// Describes what was thrown, whatever it is. Call it with a non-null pointer.
-Failure DescribeFailure(const std::exception_ptr& thrown);
+/// Describes what was thrown, whatever it is. Call it with a non-null pointer, and before anything
+/// else is asked of the provider: its cause is that of its latest failure.
+Failure DescribeFailure(const std::exception_ptr& thrown,
+                        ActingAccount account = ActingAccount::Host);
 
 } // namespace ctl
 

@@ -22,7 +22,9 @@ ExitCode RunAndTell(const CommandLine& line) {
     try {
         return Tell(Run(*line.verb, line.arguments), asJson);
     } catch (...) {
-        return Tell(DescribeFailure(std::current_exception()), asJson);
+        const auto account =
+            line.arguments.user.empty() ? ActingAccount::Host : ActingAccount::User;
+        return Tell(DescribeFailure(std::current_exception(), account), asJson);
     }
 }
 

@@ -18,6 +18,12 @@ std::string Harmless(std::string text) {
     return text;
 }
 
+/// What comes from elsewhere must not pass for a line of ours.
+std::string OneLine(std::string text) {
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    return Harmless(std::move(text));
+}
+
 bool WriteLine(std::FILE* stream, const std::string& line) {
     const bool written = std::fputs((line + "\n").c_str(), stream) >= 0;
     return std::fflush(stream) == 0 && written;
@@ -38,6 +44,9 @@ ExitCode WriteAnswer(const std::string& answer) {
 
 void Complain(const Failure& failure) {
     Notify(failure.text);
+    if (!failure.cause.empty()) {
+        WriteLine(stderr, OneLine("cause: " + failure.cause));
+    }
     if (!failure.hint.empty()) {
         WriteLine(stderr, Harmless("hint: " + failure.hint));
     }
@@ -63,7 +72,11 @@ std::string Table::Text() const {
 }
 
 Json ToJson(const Failure& failure) {
-    return {{"text", failure.text}, {"code", failure.code}};
+    Json json = {{"text", failure.text}, {"code", failure.code}};
+    if (!failure.cause.empty()) {
+        json["cause"] = failure.cause;
+    }
+    return json;
 }
 
 ExitCode Tell(const Answer& answer, bool asJson) {
@@ -72,7 +85,7 @@ ExitCode Tell(const Answer& answer, bool asJson) {
         written = WriteAnswer(asJson ? Dump(answer.json) : Harmless(answer.text));
     }
     if (!answer.failure) {
-        return written;
+        return written == ExitCode::Done ? answer.exitCode : written;
     }
     Complain(*answer.failure);
     return answer.failure->exitCode;
@@ -84,6 +97,10 @@ ExitCode Tell(const Failure& failure, bool asJson) {
         WriteAnswer(Dump({{"error", ToJson(failure)}}));
     }
     return failure.exitCode;
+}
+
+bool TellLine(const std::string& line) {
+    return WriteLine(stdout, OneLine(line));
 }
 
 void Notify(const std::string& line) {

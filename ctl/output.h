@@ -18,15 +18,20 @@ private:
     std::vector<std::pair<std::string, std::string>> rows_;
 };
 
-/// The failure as {"text": ..., "code": ...}.
+/// The failure as {"text": ..., "code": ...}, and with "cause" if it is known.
 Json ToJson(const Failure& failure);
 
 /// Writes the answer to standard output, and its failure, if it has one, to standard error.
 /// Returns the exit code; it is ExitCode::Failed when the answer could not be written.
 ExitCode Tell(const Answer& answer, bool asJson);
 
-/// Writes a failure and its hint to standard error, and as JSON to standard output when asked to.
-/// Wrong usage is told in text only: a command line that makes no sense may not have asked at all.
+/// Writes a line of an answer that is told bit by bit to standard output, whatever is in it as one
+/// line. Returns false when it could not be written.
+bool TellLine(const std::string& line);
+
+/// Writes a failure, its cause and its hint to standard error, and as JSON to standard output when
+/// asked to. Wrong usage is told in text only: a command line that makes no sense may not have
+/// asked at all.
 ExitCode Tell(const Failure& failure, bool asJson);
 
 /// Writes a line to standard error.

@@ -3,6 +3,7 @@
 #define TESAUTHCTL_VERBS_H
 
 #include <string>
+#include <vector>
 
 #include "answer.h"
 #include "password.h"
@@ -13,10 +14,13 @@ namespace ctl {
 struct Arguments {
     bool json = false;
     int timeoutSeconds = 10;
-    std::string name;   ///< of a store or an option
-    std::string value;  ///< of an option
-    std::string domain; ///< for a join with "/" and the organisational unit
-    std::string user;
+    int diagnosisSeconds = 30;      ///< as above, for a diagnosis
+    int olderThanDays = 0;          ///< of a key: the least age at which it is changed
+    std::string name;               ///< of a store or an option, or a user's to be looked up
+    std::vector<std::string> names; ///< of domain controllers or services
+    std::string value;              ///< of an option
+    std::string domain;             ///< for a join with "/" and the organisational unit
+    std::string user;               ///< who does it; empty when the host itself does
     PasswordSource password;
     bool skipHostnameCheck = false;
 };
@@ -27,12 +31,21 @@ Answer ActivateStore(const Arguments& arguments);
 
 Answer Join(const Arguments& arguments);
 Answer Leave(const Arguments& arguments);
+Answer RotateKey(const Arguments& arguments);
 
 Answer ShowStatus(const Arguments& arguments);
+Answer Diagnose(const Arguments& arguments);
 
 Answer ListTrustedDomains(const Arguments& arguments);
 Answer ShowTrust(const Arguments& arguments);
 Answer FindDomainController(const Arguments& arguments);
+Answer ShowUser(const Arguments& arguments);
+Answer ShowPrincipal(const Arguments& arguments);
+
+Answer GetDomainControllers(const Arguments& arguments);
+Answer SetDomainControllers(const Arguments& arguments);
+Answer GetSmartCardServices(const Arguments& arguments);
+Answer SetSmartCardServices(const Arguments& arguments);
 
 Answer GetOption(const Arguments& arguments);
 Answer SetOption(const Arguments& arguments);

@@ -44,4 +44,18 @@ Answer FindDomainController(const Arguments& arguments) {
     return {*name, {{"domain", arguments.domain}, {"domainController", *name}, {"live", true}}};
 }
 
+Answer ShowUser(const Arguments& arguments) {
+    const DirectoryProbe probe = ProbeFor(arguments);
+    const auto name = std::make_shared<std::string>();
+    probe.Await(probe.AskCanonicalName(arguments.name, name));
+    return {*name, {{"user", arguments.name}, {"canonicalName", *name}, {"live", true}}};
+}
+
+Answer ShowPrincipal(const Arguments& arguments) {
+    const DirectoryProbe probe = ProbeFor(arguments);
+    const auto principal = std::make_shared<std::string>();
+    probe.Await(probe.AskHostPrincipal(arguments.domain, principal));
+    return {*principal, {{"domain", arguments.domain}, {"principal", *principal}, {"live", true}}};
+}
+
 } // namespace ctl

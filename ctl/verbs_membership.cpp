@@ -1,17 +1,13 @@
 #include "verbs.h"
 
-#include <chrono>
-#include <functional>
-#include <future>
-#include <thread>
-#include <unistd.h>
-
 #include "directory_probe.h"
 #include "host_settings.h"
+#include "host_store.h"
 #include "hostctl/host.h"
-#include "output.h"
-#include "tesauth/active_directory_store.h"
+#include "maintenance.h"
+#include "progress.h"
 #include "tesauth/config_store.h"
+#include "tesauth/exceptions.h"
 
 namespace ctl {
 
@@ -19,31 +15,12 @@ namespace auth = tessary::authentication;
 
 namespace {
 
-constexpr std::chrono::seconds reportInterval(5);
-constexpr std::chrono::seconds retryInterval(30);
+/// What has taken as long as a join's first pause is a join that waits before it tries again.
 constexpr const char* retryHint =
     "; a join that the directory refuses for the moment is tried 4 times, 30 s apart";
 
 /// For what joining and leaving ask on the side.
 constexpr int queryWaitSeconds = 10;
-
-/// Runs the work on a thread and, where a person is looking, says every now and then that it is
-/// still going on. What has taken this long is a join that waits before it tries again.
-void RunReported(const std::string& whatGoesOn, std::function<void()> work) {
-    std::packaged_task<void()> task(std::move(work));
-    std::future<void> done = task.get_future();
-    std::thread worker(std::move(task));
-    if (isatty(STDERR_FILENO)) {
-        for (auto passed = reportInterval;
-             done.wait_for(reportInterval) == std::future_status::timeout;
-             passed += reportInterval) {
-            Notify("still " + whatGoesOn + " (" + std::to_string(passed.count()) + " s)" +
-                   (passed < retryInterval ? "" : retryHint));
-        }
-    }
-    worker.join();
-    done.get();
-}
 
 /// The domain that the host is in, as far as it can be told without a controller.
 std::string CurrentDomain() {
@@ -71,6 +48,23 @@ void JoinAs(auth::ActiveDirectoryStore& store, const Arguments& arguments,
     }
 }
 
+/// The domain of a key that was just changed; empty when the provider does not tell.
+std::string DomainOf(const HostStore& store) {
+    try {
+        return store.Provider().GetActiveDomain().dnsName;
+    } catch (const auth::Exception&) {
+        return ""; // only the answer's wording depends on it
+    }
+}
+
+std::string WhyNoNewKey(int olderThanDays) {
+    if (olderThanDays == 0) {
+        return "the provider left the key as it is";
+    }
+    return "the key is younger than " + std::to_string(olderThanDays) +
+           (olderThanDays == 1 ? " day" : " days") + ": nothing to do";
+}
+
 void LeaveAs(auth::ActiveDirectoryStore& store, const std::string& user, const Password& password) {
     store.PartDomain({user.c_str(), password.Text()});
     // The library keeps what it has stored about the domain here; who leaves wants it forgotten.
@@ -91,8 +85,9 @@ Answer Join(const Arguments& arguments) {
     }
     Password password;
     ReadPassword(arguments.password, arguments.user, password);
-    auth::ActiveDirectoryStore store(queryWaitSeconds);
-    RunReported("joining " + domain, [&] { JoinAs(store, arguments, password); });
+    HostStore store(queryWaitSeconds);
+    RunReported(
+        "joining " + domain, [&] { JoinAs(store, arguments, password); }, retryHint);
     const std::string unit = slash == std::string::npos ? "" : arguments.domain.substr(slash + 1);
     return {"joined " + domain, {{"joined", domain}, {"organizationalUnit", TextOrNull(unit)}}};
 }
@@ -102,7 +97,7 @@ Answer Leave(const Arguments& arguments) {
     if (!arguments.user.empty()) {
         ReadPassword(arguments.password, arguments.user, password);
     }
-    auth::ActiveDirectoryStore store(queryWaitSeconds);
+    HostStore store(queryWaitSeconds);
     const std::string domain = CurrentDomain();
     RunReported("leaving " + (domain.empty() ? "the domain" : domain), [&] {
         if (arguments.user.empty()) {
@@ -113,6 +108,25 @@ Answer Leave(const Arguments& arguments) {
     });
     return {domain.empty() ? "the host was not joined to a domain" : "left " + domain,
             {{"left", TextOrNull(domain)}}};
+}
+
+Answer RotateKey(const Arguments& arguments) {
+    constexpr uint32_t daySeconds = 24 * 60 * 60;
+    const HostStore store(queryWaitSeconds);
+    const auto maintenance = Maintenance::OfLoadedProvider();
+    if (!maintenance) {
+        throw auth::CallNotImplementedException();
+    }
+    bool rotated = false;
+    std::string domain;
+    RunReported("making a new key", [&] {
+        rotated = maintenance->RotateMachineKey(static_cast<uint32_t>(arguments.olderThanDays) *
+                                                daySeconds);
+        domain = DomainOf(store);
+    });
+    const std::string where = domain.empty() ? "" : " in " + domain;
+    return {rotated ? "new key for this host" + where : WhyNoNewKey(arguments.olderThanDays),
+            {{"rotated", rotated}, {"domain", TextOrNull(domain)}}};
 }
 
 } // namespace ctl

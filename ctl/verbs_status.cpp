@@ -106,11 +106,15 @@ Status Collect(const Arguments& arguments) {
     return status;
 }
 
+std::string Told(const Failure& failure) {
+    return failure.text + (failure.cause.empty() ? "" : " (" + failure.cause + ")");
+}
+
 template <typename T>
 std::string Marked(const std::string& value, const Answered<T>& answered,
                    const std::string& whyNotLive) {
     if (answered.live) {
-        return answered.failure ? "none: " + answered.failure->text : value;
+        return answered.failure ? "none: " + Told(*answered.failure) : value;
     }
     return value + (value.empty() ? "" : " ") + "(not live: " + whyNotLive + ")";
 }

@@ -204,7 +204,10 @@ TEST_F(LabFrozen, KilledController) {
               (nlohmann::json{{"value", 8}, {"name", "no controller"}, {"live", true}}));
     EXPECT_EQ(status["domainController"], nullptr);
     EXPECT_EQ(status["errors"]["domainController"],
-              (nlohmann::json{{"text", ConnectionRefusedException().what()}, {"code", 1225}}));
+              (nlohmann::json{{"text", ConnectionRefusedException().what()},
+                              {"cause", "every domain controller refuses the connection: "
+                                        "dc1.corp.example: cannot connect: Connection refused"},
+                              {"code", 1225}}));
 
     lab::Lab({"start", "dc1"});
     EXPECT_EQ(lab::Run({"tee", "/etc/resolv.conf"}, resolver).status, 0);

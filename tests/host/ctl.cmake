@@ -6,12 +6,22 @@ add_library(tesauth_ctl_test_host STATIC
   ${CMAKE_CURRENT_LIST_DIR}/ctl_process.cpp
   ${PROJECT_SOURCE_DIR}/tests/support/scripted_host.cpp)
 target_compile_definitions(tesauth_ctl_test_host PRIVATE
-                           SCRIPTED_PROVIDER_FILE="$<TARGET_FILE:scripted_provider>")
+  SCRIPTED_PROVIDER_FILE="$<TARGET_FILE:scripted_provider>"
+  BARE_PROVIDER_FILE="$<TARGET_FILE:scripted_provider_without_maintenance>")
 target_link_libraries(tesauth_ctl_test_host PUBLIC tesauth_test_support GTest::gmock
                       nlohmann_json::nlohmann_json ${CMAKE_DL_LIBS})
-add_dependencies(tesauth_ctl_test_host scripted_provider tesauthctl)
+add_dependencies(tesauth_ctl_test_host scripted_provider scripted_provider_without_maintenance
+                 tesauthctl)
 
 foreach(name ctl_usage_test ctl_status_test ctl_directory_test ctl_membership_test
-             ctl_password_test ctl_settings_test)
+             ctl_password_test ctl_settings_test ctl_lists_test ctl_cause_test ctl_diagnose_test
+             ctl_host_checks_test ctl_rotate_key_test)
   tesauth_host_test(${name} SOURCES ${name}.cpp LIBRARIES tesauth_ctl_test_host)
 endforeach()
+
+find_program(SYSTEMD_ANALYZE systemd-analyze)
+if(SYSTEMD_ANALYZE)
+  tesauth_host_script(ctl_units_test SCRIPT ctl_units_test.sh)
+else()
+  message(STATUS "No systemd-analyze here: the systemd units are not tested")
+endif()

@@ -49,6 +49,25 @@ TEST_F(DirectoryTest, FindsADomainController) {
                                                "getAnyDomainController|(null)|lab.example\n");
 }
 
+TEST_F(DirectoryTest, PrintsAUsersCanonicalName) {
+    Script("convertCanonicalUsername.text=LAB\\alice\n");
+    EXPECT_EQ(Ctl({"user", "alice@lab.example"}).out, "LAB\\alice\n");
+    EXPECT_EQ(
+        JsonOf(Ctl({"user", "alice@lab.example", "--json"})),
+        Json({{"user", "alice@lab.example"}, {"canonicalName", "LAB\\alice"}, {"live", true}}));
+    EXPECT_EQ(Calls("convertCanonicalUsername"), "convertCanonicalUsername|alice@lab.example\n"
+                                                 "convertCanonicalUsername|alice@lab.example\n");
+}
+
+TEST_F(DirectoryTest, PrintsTheHostsPrincipal) {
+    EXPECT_EQ(Ctl({"principal", "corp.example"}).out, "host/host1.corp.example@CORP.EXAMPLE\n");
+    EXPECT_EQ(JsonOf(Ctl({"principal", "corp.example", "--json"})),
+              Json::parse(R"({"domain": "corp.example",
+                              "principal": "host/host1.corp.example@CORP.EXAMPLE", "live": true})"));
+    EXPECT_EQ(Calls("getHostPrincipalForDomain"), "getHostPrincipalForDomain|corp.example\n"
+                                                  "getHostPrincipalForDomain|corp.example\n");
+}
+
 TEST_F(DirectoryTest, NobodyMayAskToo) {
     const Result result = Ctl({"dc", "lab.example"}, {.asNobody = true});
     EXPECT_EQ(result.status, 0) << result.err;
@@ -91,12 +110,16 @@ TEST_P(QuestionTest, SettingsThatMayNotBeReadAreNotPermitted) {
     ExpectFailure(result, 3, "hint: try again as root");
 }
 
-INSTANTIATE_TEST_SUITE_P(Verbs, QuestionTest,
-                         testing::Values(Question{{"trusts"}, "getTrustedDomains"},
-                                         Question{{"trust", "lab.example"},
-                                                  "getDomainTrustRelationship"},
-                                         Question{{"dc", "lab.example"}, "getAnyDomainController"}),
-                         [](const auto& instance) { return instance.param.words[0]; });
+INSTANTIATE_TEST_SUITE_P(
+    Verbs, QuestionTest,
+    testing::Values(Question{{"trusts"}, "getTrustedDomains"},
+                    Question{{"trust", "lab.example"}, "getDomainTrustRelationship"},
+                    Question{{"dc", "lab.example"}, "getAnyDomainController"},
+                    Question{{"user", "alice"}, "convertCanonicalUsername"},
+                    Question{{"principal", "corp.example"}, "getHostPrincipalForDomain"},
+                    Question{{"dcs", "get"}, "getPreferredDomainControllers"},
+                    Question{{"smartcard", "get"}, "getSmartCardEnabledServices"}),
+    [](const auto& instance) { return instance.param.words[0]; });
 
 TEST_F(DirectoryTest, FailuresAreToldWithNumberAndHint) {
     Script("getAnyDomainController.status=1355\ngetTrustedDomains.status=2\n");

@@ -30,6 +30,10 @@ void CtlTest::Script(const std::string& lines) {
     WriteFile(script, "log=" + std::string(calls) + "\n" + lines);
 }
 
+void CtlTest::RemoveMaintenance() {
+    scripted::InstallPlugin(BARE_PROVIDER_FILE, "scripted");
+}
+
 std::string CtlTest::Calls(const std::string& operation) {
     std::istringstream lines(ReadFile(calls));
     std::string found;

@@ -20,6 +20,9 @@ protected:
     /// Gives the provider a script, for the commands that run from now on.
     static void Script(const std::string& lines);
 
+    /// Puts a provider without the maintenance table in place of the other.
+    static void RemoveMaintenance();
+
     /// The calls of one operation since the test began, one a line, arguments separated by "|".
     static std::string Calls(const std::string& operation);
 

@@ -1,5 +1,7 @@
-# The scripted directory provider, and its variants that lack one of the two records.
+# The scripted directory provider, and its variants that lack one of its records.
 set(scripted_provider_sources
+  ${PROJECT_SOURCE_DIR}/tests/support/scripted_calls.c
+  ${PROJECT_SOURCE_DIR}/tests/support/scripted_maintenance.c
   ${PROJECT_SOURCE_DIR}/tests/support/scripted_provider.c
   ${PROJECT_SOURCE_DIR}/tests/support/scripted_records.c
   ${PROJECT_SOURCE_DIR}/tests/support/scripted_rules.c)
@@ -26,6 +28,7 @@ endfunction()
 tesauth_scripted_provider(scripted_provider)
 tesauth_scripted_provider(scripted_provider_without_metadata SCRIPTED_WITHOUT_METADATA)
 tesauth_scripted_provider(scripted_provider_without_operations SCRIPTED_WITHOUT_OPERATIONS)
+tesauth_scripted_provider(scripted_provider_without_maintenance SCRIPTED_WITHOUT_MAINTENANCE)
 tesauth_scripted_provider(scripted_provider_unresolved SCRIPTED_UNRESOLVED)
 # One of its functions cannot be resolved, which matters only when that function is called.
 target_link_options(scripted_provider_unresolved PRIVATE -Wl,-z,undefs -Wl,-z,lazy)

@@ -7,8 +7,8 @@
 /// setPreferredDomainControllers, getPreferredDomainControllers, getDomainTrustState,
 /// getTrustedDomains, getMachineAccountDN, getAnyDomainController, convertCanonicalUsername,
 /// joinDomainWithMachineAccount, getHostPrincipalForDomain, getDomainTrustRelationship,
-/// setSmartCardEnabledServices, getSmartCardEnabledServices). Numbers are decimal or
-/// 0x-hexadecimal.
+/// setSmartCardEnabledServices, getSmartCardEnabledServices; and of the maintenance table
+/// describeFailure, diagnose, rotateMachineKey). Numbers are decimal or 0x-hexadecimal.
 ///
 ///   OPERATION.status=5                what it returns; a list such as 1326,1326,0 is for
 ///   successive
@@ -29,6 +29,11 @@
 ///                                     getTrustedDomains.items=lab.example:LAB,dev.example:DEV
 ///   metadata.version=4  metadata.pam_module=...  metadata.pam_parameters=...
 ///   metadata.nss_module=...  metadata.nss_parameters=...  table.version=1
+///   maintenance.version=2             of the maintenance table
+///   describeFailure.cause.1311=...    the sentence for one status; others have none
+///   diagnose.finding=1|CHECK|TEXT|REMEDY      severity 1; one more finding each time it is set,
+///                                     all of which are reported before the call waits or hangs
+///   rotateMachineKey.key_stays=1      the key is young enough to be left alone
 ///   log=/run/provider.log             appends a line a call: operation and arguments, separated by
 ///                                     tabs, null ones as (null)
 ///
@@ -36,85 +41,16 @@
 /// what the array holds.
 #include "scripted_provider.h"
 
-#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 
+#include "scripted_calls.h"
+#include "scripted_maintenance.h"
 #include "scripted_records.h"
+#include "tesauth/plugin/maintenance_plugin.h"
 #include "tesauth/plugin/provider_plugin.h"
 
 #define EXPORTED __attribute__((visibility("default")))
-
-/// What one call is to do, taken from its rule when it begins.
-struct Plan {
-    uint32_t answer;
-    struct Rule rule;
-};
-
-/// A number below the limit. Hold the lock.
-static unsigned Random(unsigned limit) {
-    static unsigned seed;
-    if (seed == 0) {
-        struct timespec now;
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        seed = (unsigned)now.tv_nsec | 1;
-    }
-    return (unsigned)rand_r(&seed) % limit;
-}
-
-static uint32_t AnswerTo(const struct Rule* rule, const struct Call* call) {
-    if (rule->failurePercent != 0 && Random(100) < rule->failurePercent) {
-        return rule->failureStatus;
-    }
-    for (unsigned i = 0; i < rule->valueCount && call->argumentCount != 0; ++i) {
-        if (call->arguments[0] != NULL && strcmp(rule->values[i].domain, call->arguments[0]) == 0) {
-            return rule->values[i].value;
-        }
-    }
-    if (rule->answerCount == 0) {
-        return 0;
-    }
-    return rule->answers[call->number < rule->answerCount ? call->number : rule->answerCount - 1];
-}
-
-/// Waits as the rule says; with the lock held, which waiting gives up.
-static void Wait(const struct Rule* rule) {
-    const unsigned span = rule->mostDelay - rule->leastDelay;
-    const unsigned delay = rule->leastDelay + (span != 0 ? Random(span + 1) : 0);
-    if (delay != 0) {
-        const struct timespec time = {delay / 1000, (long)(delay % 1000) * 1000000};
-        pthread_mutex_unlock(&scriptLock);
-        nanosleep(&time, NULL);
-        pthread_mutex_lock(&scriptLock);
-    }
-    while (rule->hang) { // the live rule, which a test may change
-        pthread_cond_wait(&scriptChanged, &scriptLock);
-    }
-}
-
-static void Unlock(void* lock) {
-    pthread_mutex_unlock(lock);
-}
-
-static struct Plan Perform(enum Operation operation, const char* const* arguments, unsigned count,
-                           const void* record) {
-    struct Plan plan;
-    pthread_mutex_lock(&scriptLock);
-    struct Call* call = BeginCall(operation, arguments, count, record);
-    const struct Rule* rule = &scriptRules.of[operation];
-    plan.answer = AnswerTo(rule, call);
-    plan.rule = *rule;
-    pthread_cleanup_push(EndCall, call);
-    pthread_cleanup_push(Unlock, &scriptLock);
-    Wait(rule);
-    if (plan.rule.exitThread) {
-        pthread_exit(NULL);
-    }
-    pthread_cleanup_pop(1);
-    pthread_cleanup_pop(1);
-    return plan;
-}
 
 static void Release(void* buffer) {
     NoteReleased(buffer);
@@ -287,6 +223,9 @@ static uint32_t GetSmartCardEnabledServices(char*** services,
     return ReturnArray(&plan, services, release);
 }
 
+#ifndef SCRIPTED_WITHOUT_MAINTENANCE
+EXPORTED struct ActiveDirectoryClientMaintenance ActiveDirectoryClientMaintenance;
+#endif
 #ifndef SCRIPTED_WITHOUT_METADATA
 EXPORTED struct ActiveDirectoryClientMetadata ActiveDirectoryClientMetadata;
 #endif
@@ -314,7 +253,7 @@ static const struct ActiveDirectoryClientOperations everyOperation = {
     GetSmartCardEnabledServices,
 };
 
-/// Brings the two exported records up to date with the rules. Hold the lock.
+/// Brings the exported records up to date with the rules. Hold the lock.
 static void Publish(void) {
     const struct Rules* rules = &scriptRules;
 #ifndef SCRIPTED_WITHOUT_METADATA
@@ -348,6 +287,9 @@ static void Publish(void) {
 #undef PUBLISH
 #else
     (void)everyOperation;
+#endif
+#ifndef SCRIPTED_WITHOUT_MAINTENANCE
+    ActiveDirectoryClientMaintenance = ScriptedMaintenance();
 #endif
 }
 

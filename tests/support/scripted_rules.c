@@ -24,6 +24,9 @@ static const char* const names[operationCount] = {
     "getDomainTrustRelationship",
     "setSmartCardEnabledServices",
     "getSmartCardEnabledServices",
+    "describeFailure",
+    "diagnose",
+    "rotateMachineKey",
 };
 
 static _Noreturn void Misused(const char* what, const char* text) {
@@ -64,6 +67,7 @@ void ResetRules(void) {
     static const char* const script[][2] = {
         {"metadata.version", "3"},
         {"table.version", "3"},
+        {"maintenance.version", "1"},
         {"metadata.pam_module", "pam_scripted.so"},
         {"metadata.pam_parameters", "(null)"},
         {"metadata.nss_module", "scripted"},
@@ -136,6 +140,8 @@ static void SetPlace(const char* key, const char* value) {
         rules->metadataVersion = (int32_t)Number(value);
     } else if (strcmp(key, "table.version") == 0) {
         rules->tableVersion = (int32_t)Number(value);
+    } else if (strcmp(key, "maintenance.version") == 0) {
+        rules->maintenanceVersion = (int32_t)Number(value);
     } else if (strcmp(key, "metadata.pam_module") == 0) {
         SetText(rules->pamModule, &rules->pamModuleIsNull, value);
     } else if (strcmp(key, "metadata.pam_parameters") == 0) {
@@ -149,6 +155,41 @@ static void SetPlace(const char* key, const char* value) {
     } else {
         Misused("no such key:", key);
     }
+}
+
+static void AddCause(const char* status, const char* sentence) {
+    struct Rules* rules = &scriptRules;
+    if (rules->causeCount == maximumItems) {
+        Misused("too many causes:", sentence);
+    }
+    struct Cause* cause = &rules->causes[rules->causeCount++];
+    cause->status = Number(status);
+    Copy(cause->sentence, sizeof cause->sentence, sentence);
+}
+
+/// Copies what stands before the next "|", or the whole text, and returns what follows.
+static const char* TakeField(char* field, const char* text) {
+    const size_t length = strcspn(text, "|");
+    if (length >= maximumText) {
+        Misused("too long:", text);
+    }
+    memcpy(field, text, length);
+    field[length] = '\0';
+    return text + length + (text[length] == '|');
+}
+
+static void AddFinding(const char* value) {
+    struct Rules* rules = &scriptRules;
+    if (rules->findingCount == maximumItems) {
+        Misused("too many findings:", value);
+    }
+    struct ScriptedFinding* finding = &rules->findings[rules->findingCount++];
+    char severity[maximumText];
+    const char* rest = TakeField(severity, value);
+    finding->severity = Number(severity);
+    rest = TakeField(finding->check, rest);
+    rest = TakeField(finding->text, rest);
+    TakeField(finding->remedy, rest);
 }
 
 static void SetOfOperation(struct Rule* rule, const char* what, const char* value) {
@@ -176,6 +217,12 @@ static void SetOfOperation(struct Rule* rule, const char* what, const char* valu
         SetText(rule->text, &rule->textIsNull, value);
     } else if (strcmp(what, "netbios") == 0) {
         SetText(rule->netbios, &rule->netbiosIsNull, value);
+    } else if (strncmp(what, "cause.", 6) == 0) {
+        AddCause(what + 6, value);
+    } else if (strcmp(what, "finding") == 0) {
+        AddFinding(value);
+    } else if (strcmp(what, "key_stays") == 0) {
+        scriptRules.keyStays = Number(value) != 0;
     } else if (strcmp(what, "items") == 0) {
         SetItems(rule, value);
     } else {
@@ -187,7 +234,7 @@ void SetRule(const char* key, const char* value) {
     char operation[maximumText];
     const size_t length = strcspn(key, ".");
     if (key[length] == '\0' || strncmp(key, "metadata.", 9) == 0 ||
-        strncmp(key, "table.", 6) == 0) {
+        strncmp(key, "table.", 6) == 0 || strncmp(key, "maintenance.", 12) == 0) {
         SetPlace(key, value);
         return;
     }

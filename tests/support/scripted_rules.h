@@ -6,9 +6,9 @@
 #include <stdbool.h>
 #include <stdint.h>
 
-enum { maximumAnswers = 16, maximumItems = 16, maximumText = 256 };
+enum { maximumAnswers = 16, maximumItems = 16, maximumText = 256, maximumSentence = 480 };
 
-/// The operations of the interface, in the order of its table.
+/// The operations of the interface, in the order of its table, and those of the maintenance table.
 enum Operation {
     joinDomain,
     partDomain,
@@ -25,6 +25,9 @@ enum Operation {
     getDomainTrustRelationship,
     setSmartCardEnabledServices,
     getSmartCardEnabledServices,
+    describeFailure,
+    diagnose,
+    rotateMachineKey,
     operationCount
 };
 
@@ -52,9 +55,25 @@ struct Rule {
     unsigned valueCount;
 };
 
+/// Why a status was returned.
+struct Cause {
+    uint32_t status;
+    char sentence[maximumSentence];
+};
+
+struct ScriptedFinding {
+    uint32_t severity;
+    char check[maximumText], text[maximumText], remedy[maximumText];
+};
+
 struct Rules {
     struct Rule of[operationCount];
-    int32_t metadataVersion, tableVersion;
+    int32_t metadataVersion, tableVersion, maintenanceVersion;
+    struct Cause causes[maximumItems];
+    unsigned causeCount;
+    struct ScriptedFinding findings[maximumItems];
+    unsigned findingCount;
+    bool keyStays; ///< no new key, since the old one is young enough
     char pamModule[maximumText], pamParameters[maximumText];
     char nssModule[maximumText], nssParameters[maximumText];
     bool pamModuleIsNull, pamParametersAreNull, nssModuleIsNull, nssParametersAreNull;

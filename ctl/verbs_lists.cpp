@@ -1,0 +1,59 @@
+#include "verbs.h"
+
+#include "directory_probe.h"
+#include "host_store.h"
+
+namespace ctl {
+
+namespace {
+
+template <typename Names>
+std::string Joined(const Names& names, const char* between) {
+    std::string text;
+    for (const std::string& name : names) {
+        text += (text.empty() ? "" : between) + name;
+    }
+    return text;
+}
+
+/// The answer to a verb that has set a list.
+Answer Told(const std::vector<std::string>& names, const std::string& what, const char* key) {
+    return {names.empty() ? "no " + what : what + ": " + Joined(names, ", "), {{key, names}}};
+}
+
+/// Changing a list asks no cached question, so the store's wait time does not matter.
+constexpr int noWaitSeconds = 0;
+
+constexpr const char* controllersKey = "preferredDomainControllers";
+constexpr const char* servicesKey = "smartCardServices";
+
+} // namespace
+
+Answer GetDomainControllers(const Arguments& arguments) {
+    const DirectoryProbe probe{std::chrono::seconds(arguments.timeoutSeconds)};
+    const auto names = std::make_shared<std::deque<std::string>>();
+    probe.Await(probe.AskPreferredDomainControllers(names));
+    return {Joined(*names, "\n"), {{controllersKey, *names}, {"live", true}}};
+}
+
+Answer SetDomainControllers(const Arguments& arguments) {
+    // Not by the store's own operation: where the provider has none, that one only logs it.
+    HostStore(noWaitSeconds)
+        .Provider()
+        .SetPreferredDomainControllers({arguments.names.begin(), arguments.names.end()});
+    return Told(arguments.names, "preferred domain controllers", controllersKey);
+}
+
+Answer GetSmartCardServices(const Arguments& arguments) {
+    const DirectoryProbe probe{std::chrono::seconds(arguments.timeoutSeconds)};
+    const auto services = std::make_shared<std::vector<std::string>>();
+    probe.Await(probe.AskSmartCardServices(services));
+    return {Joined(*services, "\n"), {{servicesKey, *services}, {"live", true}}};
+}
+
+Answer SetSmartCardServices(const Arguments& arguments) {
+    HostStore(noWaitSeconds).SetSmartCardEnabledServices(arguments.names);
+    return Told(arguments.names, "smart-card services", servicesKey);
+}
+
+} // namespace ctl
