@@ -22,10 +22,10 @@ namespace tessary::directory {
 ///         statuses of LocateController()
 std::string CanonicalUserName(const std::string& name);
 
-/// The host's own service principal, as users of a domain ask for it:
-/// "host/web1.corp.example@REALM" of the joined domain. \param domain DNS or NetBIOS name of the
-/// joined domain or of one that it has a trust with \throws Error as above; NoSuchDomain for any
-/// other domain
+/// The host's own service principal, as users of a domain ask for it. It is always that of the
+/// joined domain, such as "host/web1.corp.example@CORP.EXAMPLE".
+/// \param domain DNS or NetBIOS name of the joined domain or of one that it has a trust with
+/// \throws Error as above; NoSuchDomain for any other domain
 std::string HostPrincipalFor(const std::string& domain);
 
 } // namespace tessary::directory

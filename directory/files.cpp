@@ -76,8 +76,14 @@ void Replacement::Write(std::string_view text) {
     }
 }
 
+void Replacement::Sync() {
+    if (fsync(fd_.Get()) != 0)
+        ThrowFileError(errno, "cannot write " + target_);
+}
+
 void Replacement::Commit() {
-    if (fsync(fd_.Get()) != 0 || rename(path_.c_str(), target_.c_str()) != 0)
+    Sync();
+    if (rename(path_.c_str(), target_.c_str()) != 0)
         ThrowFileError(errno, "cannot write " + target_);
     committed_ = true;
     SyncDirectoryOf(target_);

@@ -40,6 +40,9 @@ public:
 
     void Write(std::string_view text);
 
+    /// Has what was written on the disk, as Commit() does first of all.
+    void Sync();
+
     /// Replaces the target; at no time is there neither the old nor the new version, also when the
     /// host loses power.
     void Commit();

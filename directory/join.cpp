@@ -44,13 +44,18 @@ public:
     /// \param before what it is now
     /// \param change of the account's key, when the host has that account's key already
     Enrolment(Session& session, const DomainState& state, const std::optional<DomainState>& before,
-              const KeyChange* change)
-        : session_(session), state_(state), replaced_(state.KeytabPrincipals()),
-          wasMember_(before.has_value()), file_(DomainState::Path()) {
+              const std::optional<KeyChange>& change)
+        : session_(session), state_(state), principals_(state.KeytabPrincipals()),
+          replaced_(principals_), wasMember_(before.has_value()), file_(DomainState::Path()) {
+        const krb5_context context = session.Kerberos().Context();
         if (before)
-            for (std::string& principal : before->KeytabPrincipals())
+            for (std::string& principal : PrincipalsWithKeysOf(context, *before))
                 replaced_.push_back(std::move(principal));
-        keytab_.emplace(session.Kerberos().Context(), [&](const KeytabEntryName& entry) {
+        if (change) {
+            principals_ = change->Principals();
+            keyVersionBefore_ = change->Version();
+        }
+        keytab_.emplace(context, [&](const KeytabEntryName& entry) {
             return !IsReplaced(entry.principal) ||
                    (change && change->IsOfAccount(entry.principal) && change->Stays(entry));
         });
@@ -63,9 +68,12 @@ public:
         const PendingSearch version = accounts.StartKeyVersion(account.dn);
         if (keys.empty() || !AreRight(keys)) {
             keys = session_.Kerberos().MakeKeys(state_.account, password);
-            Verify(keys);
+            if (!AreRight(keys))
+                throw Error(Status::MachineKeyRejected, session_.Where().realm +
+                                                            " does not accept the new key of " +
+                                                            state_.account);
         }
-        keytab_->Add(state_.KeytabPrincipals(), accounts.FinishKeyVersion(version), keys);
+        Fill(keys, accounts.FinishKeyVersion(version));
         state_.Prepare(file_);
 
         keytab_->Commit();
@@ -85,29 +93,25 @@ private:
         return std::find(replaced_.begin(), replaced_.end(), principal) != replaced_.end();
     }
 
-    /// Proves that the domain accepts the keys, before they are put in force.
-    void Verify(const std::vector<AccountKey>& keys) {
-        KeytabInMemory keytab(session_.Kerberos().Context());
-        keytab.Add({state_.AccountPrincipal()}, 1, keys);
-        KerberosSession machine(session_.Where().realm, FinderFor(session_.Where(), session_.End()),
-                                session_.End());
-        LogInAsMachine(machine, state_.account, keytab.Name());
+    /// Whether the domain accepts the keys, which are not in force yet.
+    bool AreRight(const std::vector<AccountKey>& keys) {
+        return AreAccepted(session_.Where(), state_, keys, session_.End());
     }
 
-    bool AreRight(const std::vector<AccountKey>& keys) {
-        try {
-            Verify(keys);
-            return true;
-        } catch (const Error& error) {
-            if (error.Code() != Status::MachineKeyRejected)
-                throw;
-            return false;
+    void Fill(const std::vector<AccountKey>& keys, int version) {
+        if (version <= keyVersionBefore_) {
+            // The account is not the one that the old keys are of: it was made anew meanwhile.
+            keytab_.reset();
+            keytab_.emplace(session_.Kerberos().Context(), replaced_);
         }
+        keytab_->Add(principals_, version, keys);
     }
 
     Session& session_;
     DomainState state_;
-    std::vector<std::string> replaced_; // principals
+    std::vector<std::string> principals_; // who get the new keys
+    std::vector<std::string> replaced_;   // whose entries go
+    int keyVersionBefore_ = -1;
     bool wasMember_;
     std::optional<KeytabReplacement> keytab_;
     Replacement file_;
@@ -151,10 +155,41 @@ void GuessKeys(KerberosSession& kerberos, const std::string& account, const Secr
     }
 }
 
+bool IsPlainAscii(std::string_view text) {
+    return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
+}
+
 void ExpectSame(const std::string& what, const std::string& described, const std::string& found) {
     if (!described.empty() && !EqualNames(described, found))
         throw Error(Status::DomainMismatch,
                     "the domain's " + what + " is " + found + ", not " + described);
+}
+
+/// The change of the account's key, for a host that has that account's key already: the new key is
+/// beside the old one then. Nothing for any other host.
+std::optional<KeyChange> StageChange(Session& session, const DomainState& state,
+                                     const std::optional<DomainState>& before,
+                                     const Surroundings& around, const Secret& password,
+                                     std::vector<AccountKey>& keys) {
+    if (!around.account || !before || before->AccountPrincipal() != state.AccountPrincipal())
+        return std::nullopt;
+    KeyChange change(session.Kerberos().Context(), state,
+                     MachineAccounts::KeyVersionOf(*around.account));
+    keys = session.Kerberos().MakeKeys(state.account, password);
+    change.Stage(keys);
+    return change;
+}
+
+/// Calls what gives the account its new password; if that is refused, a staged key goes again.
+template <typename Function>
+void ChangePassword(std::optional<KeyChange>& change, Function function) {
+    try {
+        function();
+    } catch (const Error& error) {
+        if (change && !KeyChange::MayStillHappen(error))
+            change->TakeBack();
+        throw;
+    }
 }
 
 } // namespace
@@ -171,25 +206,14 @@ void JoinDomain(const std::string& domain, const std::string& unit, const std::s
     const Secret machinePassword = MakeMachinePassword();
 
     std::vector<AccountKey> keys;
-    std::optional<KeyChange> change;
-    if (around.account && begun.before &&
-        begun.before->AccountPrincipal() == state.AccountPrincipal()) {
-        change.emplace(session.Kerberos().Context(), state,
-                       MachineAccounts::KeyVersionOf(*around.account));
-        keys = session.Kerberos().MakeKeys(state.account, machinePassword);
-        change->Stage(keys);
-    }
-    Enrolment enrolment(session, state, begun.before, change ? &*change : nullptr);
+    auto change = StageChange(session, state, begun.before, around, machinePassword, keys);
+    Enrolment enrolment(session, state, begun.before, change);
     MachineAccount account;
-    try {
+    ChangePassword(change, [&] {
         account = accounts.Prepare(begun.names, around, machinePassword, [&]() noexcept {
             GuessKeys(session.Kerberos(), state.account, machinePassword, keys);
         });
-    } catch (const Error& error) {
-        if (change && !KeyChange::MayStillHappen(error))
-            change->TakeBack();
-        throw;
-    }
+    });
     CreatedAccount created(accounts, account, state.account);
     enrolment.Complete(accounts, account, std::move(keys), machinePassword);
     created.Keep();
@@ -200,6 +224,8 @@ void JoinDomainWithAccount(const DomainDescription& domain, const PreparedAccoun
     begun.names.account = prepared.name.substr(0, prepared.name.find('$'));
     if (begun.names.account.empty())
         throw Error(Status::InvalidParameter, "the prepared account has no name");
+    if (!IsPlainAscii(prepared.password))
+        throw Error(Status::InvalidParameter, "the prepared account's password is not plain ASCII");
     const UserName self{begun.names.AccountName(), ""};
     std::optional<Session> session;
     try {
@@ -217,10 +243,16 @@ void JoinDomainWithAccount(const DomainDescription& domain, const PreparedAccoun
     ExpectSame("NetBIOS name", domain.netbiosName, around.netbiosName);
     if (!around.account)
         throw Error(Status::NoMachineAccount, "the account " + self.name + " cannot be seen");
-    Enrolment enrolment(*session, StateOf(*session, begun.names, around), begun.before, nullptr);
+    const DomainState state = StateOf(*session, begun.names, around);
     const Secret machinePassword = MakeMachinePassword();
-    accounts.ReplacePassword(*around.account, begun.names, prepared.password, machinePassword);
-    enrolment.Complete(accounts, {around.account->dn, false}, {}, machinePassword);
+
+    std::vector<AccountKey> keys;
+    auto change = StageChange(*session, state, begun.before, around, machinePassword, keys);
+    Enrolment enrolment(*session, state, begun.before, change);
+    ChangePassword(change, [&] {
+        accounts.ReplacePassword(*around.account, begun.names, prepared.password, machinePassword);
+    });
+    enrolment.Complete(accounts, {around.account->dn, false}, std::move(keys), machinePassword);
 }
 
 } // namespace tessary::directory

@@ -41,6 +41,8 @@ const Meaning meanings[] = {
     {KRB5KRB_AP_ERR_TKT_EXPIRED, Status::ClockSkew}, // no longer: only a wrong clock sees that
     {KRB5KDC_ERR_NEVER_VALID, Status::ClockSkew},
     {KRB5KDC_ERR_POLICY, Status::AccessDenied},
+    {KRB5KDC_ERR_ETYPE_NOSUPP, Status::InternalError,
+     "the account has no AES key; changing its password once gives it one"},
     {KRB5_KT_NOTFOUND, Status::MachineKeyRejected},
     {ENOENT, Status::MachineKeyRejected},
     {EACCES, Status::AccessDenied},
@@ -116,6 +118,7 @@ using Credentials = KerberosOwner<krb5_creds*, krb5_free_creds>;
 using ErrorMessage = KerberosOwner<krb5_error*, krb5_free_error>;
 
 using Data = KerberosContents<krb5_data, krb5_free_data_contents>;
+using Entry = KerberosContents<krb5_keytab_entry, krb5_free_keytab_entry_contents>;
 
 krb5_data* CopyForLibrary(const std::vector<char>& bytes) {
     const auto data = static_cast<krb5_data*>(std::calloc(1, sizeof(krb5_data)));
@@ -266,6 +269,7 @@ void KerberosSession::LogInWithKeytab(const std::string& account, const std::str
     Check(krb5_kt_resolve(context_, keytab.c_str(), opened.Out()), "cannot open " + keytab);
     const Principal client(*this, KRB5_NT_PRINCIPAL, realm_, {account});
     const std::string what = "cannot log in to " + realm_ + " as " + account;
+    ExpectKey(opened.Get(), client, what);
     // The key needs no salt, so the proof that we have it goes with the first question.
     GetInitialTicket(client, {.proofAtOnce = true, .service = service}, what,
                      [&](krb5_init_creds_context request) {
@@ -332,6 +336,18 @@ std::vector<AccountKey> KerberosSession::DeriveKeys(const Secret& password, cons
         keys.emplace_back(context_, key);
     }
     return keys;
+}
+
+void KerberosSession::ExpectKey(krb5_keytab keytab, const Principal& client,
+                                const std::string& what) {
+    Entry entry(context_);
+    const krb5_error_code code =
+        krb5_kt_get_entry(context_, keytab, client.Get(), 0, ENCTYPE_NULL, entry.Out());
+    if (code == ENOENT)
+        throw Error(Status::MachineKeyRejected, what + ": there is no keytab");
+    if (code == KRB5_KT_NOTFOUND)
+        throw Error(Status::MachineKeyRejected, what + ": the keytab has no key of it");
+    Check(code, what);
 }
 
 void KerberosSession::CopyInitialTicket(krb5_creds* ticket) {

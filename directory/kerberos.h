@@ -116,6 +116,7 @@ private:
     static krb5_error_code Exchange(krb5_context context, void* self, const krb5_data* realm,
                                     const krb5_data* message, krb5_data** newMessage,
                                     krb5_data** reply);
+    void ExpectKey(krb5_keytab keytab, const Principal& client, const std::string& what);
     std::vector<AccountKey> DeriveKeys(const Secret& password, const krb5_data& salt,
                                        krb5_data* parameters, const std::string& what);
     void GetInitialTicket(const Principal& client, const TicketOptions& wanted,

@@ -5,7 +5,9 @@
 #include <krb5.h>
 #include <profile.h>
 
+#include <memory>
 #include <string>
+#include <type_traits>
 
 namespace tessary::directory {
 
@@ -19,6 +21,13 @@ inline constexpr krb5_enctype encryptionTypes[] = {ENCTYPE_AES256_CTS_HMAC_SHA1_
 /// \param realm          the default realm
 /// \param passwordServer address and port of the service that changes passwords, or empty
 krb5_context MakeKerberosContext(const std::string& realm, const std::string& passwordServer = "");
+
+struct KerberosContextDeleter {
+    void operator()(krb5_context context) const { krb5_free_context(context); }
+};
+/// What MakeKerberosContext() makes, with an owner.
+using KerberosContext =
+    std::unique_ptr<std::remove_pointer_t<krb5_context>, KerberosContextDeleter>;
 
 } // namespace tessary::directory
 

@@ -13,7 +13,8 @@ constexpr krb5_timestamp longestTicketLife = 7 * 24 * 60 * 60;
 
 KeyChange::KeyChange(krb5_context context, const DomainState& state, int version)
     : context_(context), accountPrincipal_(state.AccountPrincipal()),
-      principals_(state.KeytabPrincipals()), version_(version),
+      principals_(PrincipalsWithKeysOf(context, state)),
+      version_(std::max(version, NewestVersion(ReadHostKeys(context, {accountPrincipal_})))),
       now_(static_cast<krb5_timestamp>(std::time(nullptr))) {
     for (const KeytabKey& key : ReadHostKeys(context, principals_)) {
         const auto [known, isNew] = since_.emplace(key.name.version, key.name.time);
@@ -52,23 +53,26 @@ bool KeyChange::MayStillHappen(const Error& error) {
 void KeyChange::Stage(const std::vector<AccountKey>& newKeys) {
     std::vector<std::string> services(principals_);
     std::erase(services, accountPrincipal_);
-    KeytabReplacement keytab(context_,
-                             [this](const KeytabEntryName& entry) { return Stays(entry); });
+    KeytabReplacement keytab = Kept(version_ + 1);
     keytab.Add(services, version_ + 1, newKeys);
     keytab.Commit();
 }
 
 void KeyChange::TakeBack() {
-    KeytabReplacement(context_, [this](const KeytabEntryName& entry) {
-        return Stays(entry);
-    }).Commit();
+    Kept(version_ + 1).Commit();
 }
 
-void KeyChange::Finish(const std::vector<AccountKey>& newKeys) {
-    KeytabReplacement keytab(context_,
-                             [this](const KeytabEntryName& entry) { return Stays(entry); });
-    keytab.Add(principals_, version_ + 1, newKeys);
-    keytab.Commit();
+std::unique_ptr<KeytabReplacement> KeyChange::Finished(const std::vector<AccountKey>& newKeys,
+                                                       int newVersion) {
+    auto keytab = std::unique_ptr<KeytabReplacement>(new KeytabReplacement(Kept(newVersion)));
+    keytab->Add(principals_, newVersion, newKeys);
+    return keytab;
+}
+
+KeytabReplacement KeyChange::Kept(int newVersion) {
+    return KeytabReplacement(context_, [this, newVersion](const KeytabEntryName& entry) {
+        return Stays(entry) && (!IsOfAccount(entry.principal) || entry.version < newVersion);
+    });
 }
 
 } // namespace tessary::directory

@@ -8,6 +8,7 @@
 #include "keytab.h"
 
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -18,7 +19,8 @@ namespace tessary::directory {
 /// lost, nobody would know which of the two keys is the right one. So the new key goes into the
 /// keytab first, beside the old one, under the names of the services: they take any ticket that
 /// either key fits. The account's own name, which the host logs in with, keeps the old key until
-/// the domain has taken the new one. LogInAsHost() knows that there may be a newer one.
+/// the domain has taken the new one. LogInAsHost() knows that there may be a newer one. (Another
+/// program that logs in with the account's key is refused in the moment between the two.)
 ///
 /// Old keys stay as long as tickets made with them may be around: a week after the next one came.
 ///
@@ -26,16 +28,24 @@ namespace tessary::directory {
 class KeyChange {
 public:
     /// \param context must outlive this
-    /// \param version of the key that the account has before the change
+    /// \param version of the key that the account has before the change, as the directory tells; a
+    ///                controller that has not heard of the latest change yet is not believed
     KeyChange(krb5_context context, const DomainState& state, int version);
+
+    /// The version that the key has before the change.
+    int Version() const { return version_; }
+    /// All who have the account's key.
+    const std::vector<std::string>& Principals() const { return principals_; }
 
     /// Puts the new key beside the old one.
     void Stage(const std::vector<AccountKey>& newKeys);
     /// Takes the new key out again. Only for a domain that has said no: a change that has merely
     /// not been answered may still be made.
     void TakeBack();
-    /// Makes the new key the account's.
-    void Finish(const std::vector<AccountKey>& newKeys);
+    /// A keytab in which the new key is the account's.
+    /// \param newVersion old keys that are not older are left out: they are of another account
+    std::unique_ptr<KeytabReplacement> Finished(const std::vector<AccountKey>& newKeys,
+                                                int newVersion);
 
     /// Which entries stay beside the new key once that is the account's.
     bool Stays(const KeytabEntryName& entry) const;
@@ -45,6 +55,8 @@ public:
     static bool MayStillHappen(const Error& error);
 
 private:
+    KeytabReplacement Kept(int newVersion);
+
     krb5_context context_;
     std::string accountPrincipal_;
     std::vector<std::string> principals_;

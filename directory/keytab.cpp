@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
+#include <optional>
 #include <string_view>
 
 namespace tessary::directory {
@@ -114,34 +115,38 @@ bool IsOneOf(const std::string& name, const std::vector<std::string>& names) {
     return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-/// Calls the function with each entry of the host's keytab.
-/// \return false when there is no keytab, or an empty file: nothing to read
+/// The host's keytab as it is now, or nothing when there is none or an empty file.
+std::optional<Secret> HostKeytabContent() {
+    if (const auto content = ReadFile(hostKeytab); !content || content->empty())
+        return std::nullopt;
+    return ReadSecretFile(hostKeytab);
+}
+
+/// Calls the function with each entry of a keytab.
 template <typename Function>
-bool ForEachHostEntry(krb5_context context, Function function) {
+void ForEachEntry(krb5_context context, const std::string& name, Function function) {
     KeytabScan scan(context);
-    const krb5_error_code started = scan.Start(std::string("FILE:") + hostKeytab);
-    if (started == ENOENT || started == KRB5_KEYTAB_BADVNO) {
-        // A file with another content is not ours to throw away.
-        const auto content = ReadFile(hostKeytab);
-        if (!content || content->empty())
-            return false;
-    }
-    Check(context, started, "cannot read");
+    Check(context, scan.Start(name), "cannot read");
     for (;;) {
         KeytabEntry entry(context);
         const krb5_error_code code = scan.Next(entry);
         if (code == KRB5_KT_END)
-            return true;
+            return;
         Check(context, code, "cannot read");
         function(entry.Get());
     }
 }
 
+std::string_view BytesOf(const AccountKey& key) {
+    return {reinterpret_cast<const char*>(key.Get().contents), key.Get().length};
+}
+
 } // namespace
 
-KeytabInMemory::KeytabInMemory(krb5_context context, std::string_view format)
+KeytabInMemory::KeytabInMemory(krb5_context context, std::string_view content)
     : context_(context), file_(memfd_create("keytab", MFD_CLOEXEC)) {
-    if (!file_ || write(file_.Get(), format.data(), format.size()) < 0)
+    if (!file_ ||
+        write(file_.Get(), content.data(), content.size()) != static_cast<ssize_t>(content.size()))
         ThrowFileError(errno, std::string("cannot write ") + hostKeytab);
 }
 
@@ -172,18 +177,49 @@ Secret KeytabInMemory::Bytes() const {
     return ReadSecretFile(file_.Get(), hostKeytab);
 }
 
-std::vector<KeytabKey> ReadHostKeys(krb5_context context,
-                                    const std::vector<std::string>& principals) {
+std::vector<KeytabKey> ReadHostKeys(krb5_context context) {
     std::vector<KeytabKey> keys;
-    ForEachHostEntry(context, [&](const krb5_keytab_entry& entry) {
-        KeytabEntryName name = NameOf(context, entry);
-        if (!IsOneOf(name.principal, principals))
-            return;
+    const std::optional<Secret> content = HostKeytabContent();
+    if (!content)
+        return keys;
+    const KeytabInMemory copy(context, content->View());
+    ForEachEntry(context, copy.Name(), [&](const krb5_keytab_entry& entry) {
         krb5_keyblock key{};
+        KeytabEntryName name = NameOf(context, entry);
         Check(context, krb5_copy_keyblock_contents(context, &entry.key, &key), "cannot read");
         keys.push_back({std::move(name), AccountKey(context, key)});
     });
     return keys;
+}
+
+std::vector<KeytabKey> ReadHostKeys(krb5_context context,
+                                    const std::vector<std::string>& principals) {
+    std::vector<KeytabKey> chosen;
+    for (KeytabKey& key : ReadHostKeys(context))
+        if (IsOneOf(key.name.principal, principals))
+            chosen.push_back(std::move(key));
+    return chosen;
+}
+
+int NewestVersion(const std::vector<KeytabKey>& keys) {
+    int newest = -1;
+    for (const KeytabKey& key : keys)
+        newest = std::max(newest, key.name.version);
+    return newest;
+}
+
+std::vector<std::string> PrincipalsWithKeysOf(krb5_context context, const DomainState& state) {
+    std::vector<std::string> principals = state.KeytabPrincipals();
+    const std::vector<KeytabKey> all = ReadHostKeys(context);
+    for (const KeytabKey& key : all) {
+        const bool shared = std::any_of(all.begin(), all.end(), [&](const KeytabKey& other) {
+            return other.name.principal == state.AccountPrincipal() &&
+                   BytesOf(other.key) == BytesOf(key.key);
+        });
+        if (shared && !IsOneOf(key.name.principal, principals))
+            principals.push_back(key.name.principal);
+    }
+    return principals;
 }
 
 KeytabReplacement::KeytabReplacement(krb5_context context, const Filter& keep)
@@ -198,16 +234,17 @@ KeytabReplacement::KeytabReplacement(krb5_context context,
       }) {}
 
 void KeytabReplacement::Copy(const Filter& keep) {
-    std::vector<bool> kept;
-    const auto judge = [&](const krb5_keytab_entry& entry) {
-        kept.push_back(keep(NameOf(context_, entry)));
-    };
-    if (!ForEachHostEntry(context_, judge)) {
+    const std::optional<Secret> content = HostKeytabContent();
+    if (!content) {
         file_.Write(format_);
         return;
     }
-    const Secret bytes = ReadSecretFile(hostKeytab);
-    KeytabRecords records(bytes.View());
+    std::vector<bool> kept;
+    const KeytabInMemory copy(context_, content->View());
+    ForEachEntry(context_, copy.Name(), [&](const krb5_keytab_entry& entry) {
+        kept.push_back(keep(NameOf(context_, entry)));
+    });
+    KeytabRecords records(content->View());
     format_ = records.Format();
     file_.Write(format_);
     for (const bool keepThis : kept) {

@@ -2,6 +2,7 @@
 #ifndef TESSARY_DIRECTORY_KEYTAB_H
 #define TESSARY_DIRECTORY_KEYTAB_H
 
+#include "domain_state.h"
 #include "files.h"
 #include "kerberos.h"
 
@@ -32,19 +33,29 @@ struct KeytabKey {
     AccountKey key;
 };
 
-/// The keys of some principals, in the keytab's order; a keytab that is not there has none.
-/// \param context    must outlive the keys
-/// \param principals complete names, realm included
+/// All keys of the host's keytab, in its order; a keytab that is not there has none.
+/// \param context must outlive the keys
 /// \throws Error when the keytab cannot be read
+std::vector<KeytabKey> ReadHostKeys(krb5_context context);
+/// Those of some principals.
+/// \param principals complete names, realm included
 std::vector<KeytabKey> ReadHostKeys(krb5_context context,
                                     const std::vector<std::string>& principals);
 
-/// A keytab that is nowhere but in memory. (The library's own file format on a disk costs a wait for
-/// the disk with each entry.)
+/// The newest version among some keys; -1 without any.
+int NewestVersion(const std::vector<KeytabKey>& keys);
+
+/// The principals that have a key of the host's account: the account's own, those of its services,
+/// and any other that somebody has put beside them with the same key.
+std::vector<std::string> PrincipalsWithKeysOf(krb5_context context, const DomainState& state);
+
+/// A keytab that is nowhere but in memory. (The library's own file format on a disk costs a wait
+/// for the disk with each entry.)
 class KeytabInMemory {
 public:
     /// \param context must outlive this
-    explicit KeytabInMemory(krb5_context context, std::string_view format = keytabFormat);
+    /// \param content of a keytab; an empty one, unless told
+    explicit KeytabInMemory(krb5_context context, std::string_view content = keytabFormat);
 
     /// Adds the keys for each of the principals, complete names.
     void Add(const std::vector<std::string>& principals, int keyVersion,
@@ -81,6 +92,8 @@ public:
     /// The new version as a Kerberos call takes it.
     std::string Name() const { return "FILE:" + file_.Path(); }
 
+    /// Has the new version on the disk, so that Commit() takes no time.
+    void Sync() { file_.Sync(); }
     /// Puts the new version in force. Without any entry there will be no keytab.
     void Commit();
 

@@ -92,8 +92,9 @@ public:
                                   const Deadline& deadline);
     /// StartRead() and FinishRead() in one.
     LdapEntry Read(const std::string& dn, const std::vector<const char*>& attributes,
-                   const Deadline& deadline); /// \param meanwhile called while the controller
-                                              /// works; it must not throw
+                   const Deadline& deadline);
+
+    /// \param meanwhile called while the controller works; it must not throw
     void Add(
         const std::string& dn, const std::vector<LdapChange>& attributes, const Deadline& deadline,
         const std::function<void()>& meanwhile = [] {});

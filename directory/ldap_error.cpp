@@ -21,6 +21,7 @@ constexpr ResultMeaning resultMeanings[] = {
     {LDAP_INVALID_DN_SYNTAX, Status::NoSuchContainer},
     {LDAP_NAMING_VIOLATION, Status::NoSuchContainer},
     {LDAP_INVALID_CREDENTIALS, Status::AccessDenied},
+    {LDAP_REFERRAL, Status::NoController}, // one that may not write says who may
     {LDAP_BUSY, Status::NoController},
     {LDAP_UNAVAILABLE, Status::NoController},
     {LDAP_SERVER_DOWN, Status::NoController},

@@ -7,23 +7,17 @@
 #include "machine_account.h"
 #include "session.h"
 
-#include <memory>
-
 namespace tessary::directory {
 namespace {
 
 // With the host's own key: a courtesy to the domain, not worth a long wait.
 constexpr std::chrono::seconds courtesyTime{5};
 
-struct ContextDeleter {
-    void operator()(krb5_context context) const { krb5_free_context(context); }
-};
-
 /// The keys first: a host without them and with its membership knows that something is wrong, one
 /// with keys of an account that it has forgotten does not.
 void Forget(const DomainState& state) {
-    const std::unique_ptr<_krb5_context, ContextDeleter> context(MakeKerberosContext(state.realm));
-    KeytabReplacement(context.get(), state.KeytabPrincipals()).Commit();
+    const KerberosContext context(MakeKerberosContext(state.realm));
+    KeytabReplacement(context.get(), PrincipalsWithKeysOf(context.get(), state)).Commit();
     DomainState::Remove();
 }
 

@@ -36,6 +36,21 @@ std::string ComputersContainer(const LdapEntry& domain, const std::string& baseD
     return "CN=Computers," + baseDn;
 }
 
+bool IsOfHostItself(const std::string& principal) {
+    const std::string_view service = std::string_view(principal).substr(0, principal.find('/'));
+    return EqualNames(service, "HOST") || EqualNames(service, "RestrictedKrbHost");
+}
+
+/// What an account's service principals are to be: the host's own, and those that an administrator
+/// has registered for other services. Those of the host's former names go.
+std::vector<std::string> PrincipalsFor(const LdapEntry& account, const HostNames& names) {
+    std::vector<std::string> principals = names.ServicePrincipals();
+    for (const std::string& principal : account.Values("servicePrincipalName"))
+        if (!IsOfHostItself(principal))
+            principals.push_back(principal);
+    return principals;
+}
+
 bool SameSet(std::vector<std::string> a, std::vector<std::string> b) {
     for (auto* list : {&a, &b}) {
         std::transform(list->begin(), list->end(), list->begin(), LowerCase);
@@ -89,11 +104,7 @@ PendingSearch MachineAccounts::StartFind(const std::string& accountName) {
 
 std::optional<LdapEntry> MachineAccounts::FinishFind(const PendingSearch& search) {
     std::vector<LdapEntry> found = session_.Ldap().FinishSearch(search, session_.End());
-    // A controller also names where other parts of the forest are; those are no entries.
-    std::erase_if(found, [](const LdapEntry& entry) { return entry.dn.empty(); });
-    if (found.empty())
-        return std::nullopt;
-    return std::move(found.front());
+    return found.empty() ? std::nullopt : std::optional(std::move(found.front()));
 }
 
 std::optional<LdapEntry> MachineAccounts::Find(const std::string& accountName) {
@@ -175,7 +186,7 @@ void MachineAccounts::Reset(const LdapEntry& account, const HostNames& names,
         throw Error(Status::AccessDenied, account.dn + " is no workstation's account");
 
     const std::string newControl = std::to_string(control & ~(accountDisabled | accountLocked));
-    const std::vector<std::string> principals = names.ServicePrincipals();
+    const std::vector<std::string> principals = PrincipalsFor(account, names);
     std::vector<LdapChange> changes = NameChanges(account, names, principals);
     if (account.Value("userAccountControl") != newControl)
         changes.push_back({LDAP_MOD_REPLACE, "userAccountControl", {newControl}});
@@ -185,16 +196,17 @@ void MachineAccounts::Reset(const LdapEntry& account, const HostNames& names,
 
 void MachineAccounts::ReplacePassword(const LdapEntry& own, const HostNames& names,
                                       std::string_view oldPassword, const Secret& password) {
+    // The names first: should they be refused, the account is as good as it was.
+    const std::vector<std::string> principals = PrincipalsFor(own, names);
+    const std::vector<LdapChange> changes = NameChanges(own, names, principals);
+    if (!changes.empty())
+        session_.Ldap().Modify(own.dn, changes, session_.End());
     const Secret oldEncoded = EncodeUnicodePassword(oldPassword);
     const Secret newEncoded = EncodeUnicodePassword(password.View());
     session_.Ldap().Modify(own.dn,
                            {{LDAP_MOD_DELETE, "unicodePwd", {oldEncoded.View()}},
                             {LDAP_MOD_ADD, "unicodePwd", {newEncoded.View()}}},
                            session_.End());
-    const std::vector<std::string> principals = names.ServicePrincipals();
-    const std::vector<LdapChange> changes = NameChanges(own, names, principals);
-    if (!changes.empty())
-        session_.Ldap().Modify(own.dn, changes, session_.End());
 }
 
 int MachineAccounts::KeyVersionOf(const LdapEntry& account) {

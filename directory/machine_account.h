@@ -40,21 +40,23 @@ public:
 
     /// Makes an account for a host, or takes over and enables the one that there is, and gives it a
     /// password.
+    /// \param meanwhile called while the controller works on a new account; it must not throw
     /// \throws Error AccessDenied, PasswordRefused, InvalidComputerName; AccessDenied also when
-    ///         the name is one of a domain controller or a user    /// \param meanwhile called
-    ///         while the controller works on a new account; it must not throw
+    ///         the name is one of a domain controller or a user
     MachineAccount Prepare(const HostNames& names, const Surroundings& around,
                            const Secret& password, const std::function<void()>& meanwhile);
 
     /// With the rights of the account itself: gives it another password, and the host's names.
     /// \throws Error as Prepare()
     void ReplacePassword(const LdapEntry& own, const HostNames& names, std::string_view oldPassword,
-                         const Secret& password); /// Asks for the version of an account's key,
-                                                  /// without waiting for the answer.
+                         const Secret& password);
+
+    /// Asks for the version of an account's key, without waiting for the answer.
     PendingSearch StartKeyVersion(const std::string& dn);
     int FinishKeyVersion(const PendingSearch& search);
     /// The version of the account's key, as LookAround() or Find() read it.
     static int KeyVersionOf(const LdapEntry& account);
+
     /// An account, wherever it is, or nothing when there is none.
     /// \param accountName with the final '$'
     std::optional<LdapEntry> Find(const std::string& accountName);

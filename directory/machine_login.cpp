@@ -1,20 +1,13 @@
 #include "machine_login.h"
 
 #include "error.h"
-#include "kerberos_owner.h"
 #include "keytab.h"
+#include "session.h"
 
 #include <algorithm>
 
 namespace tessary::directory {
 namespace {
-
-int NewestVersion(const std::vector<KeytabKey>& keys) {
-    int newest = -1;
-    for (const KeytabKey& key : keys)
-        newest = std::max(newest, key.name.version);
-    return newest;
-}
 
 /// The newest of the keys that the keytab has under any of the host's names.
 struct NewestKey {
@@ -34,15 +27,19 @@ struct NewestKey {
     std::vector<AccountKey> keys;
 };
 
-/// Whoever is changing the key right now does this himself.
 void Adopt(krb5_context context, const DomainState& state, const NewestKey& newest) {
+    if (NewestVersion(ReadHostKeys(context, {state.AccountPrincipal()})) >= newest.version)
+        return;
+    KeytabReplacement keytab(context, [](const KeytabEntryName&) { return true; });
+    keytab.Add({state.AccountPrincipal()}, newest.version, newest.keys);
+    keytab.Commit();
+}
+
+/// Whoever holds the lock is changing the key right now, and will do this himself.
+void AdoptUnlessBusy(krb5_context context, const DomainState& state, const NewestKey& newest) {
     try {
         const StateLock lock(membershipLock, Deadline::In(std::chrono::seconds(0)));
-        if (NewestVersion(ReadHostKeys(context, {state.AccountPrincipal()})) >= newest.version)
-            return;
-        KeytabReplacement keytab(context, [](const KeytabEntryName&) { return true; });
-        keytab.Add({state.AccountPrincipal()}, newest.version, newest.keys);
-        keytab.Commit();
+        Adopt(context, state, newest);
     } catch (const Error&) {
         // The next login will find it as this one did.
     }
@@ -51,9 +48,9 @@ void Adopt(krb5_context context, const DomainState& state, const NewestKey& newe
 } // namespace
 
 void LogInAsMachine(KerberosSession& kerberos, const std::string& account,
-                    const std::string& keytab) {
+                    const std::string& keytab, const char* service) {
     try {
-        kerberos.LogInWithKeytab(account, keytab);
+        kerberos.LogInWithKeytab(account, keytab, service);
     } catch (const Error& error) {
         if (error.Code() == Status::WrongPassword)
             throw Error(Status::MachineKeyRejected, error.what());
@@ -63,7 +60,7 @@ void LogInAsMachine(KerberosSession& kerberos, const std::string& account,
     }
 }
 
-void LogInAsHost(KerberosSession& kerberos, const DomainState& state) {
+void LogInAsHost(KerberosSession& kerberos, const DomainState& state, const StateLock* held) {
     const krb5_context context = kerberos.Context();
     const int tried = NewestVersion(ReadHostKeys(context, {state.AccountPrincipal()}));
     try {
@@ -75,7 +72,22 @@ void LogInAsHost(KerberosSession& kerberos, const DomainState& state) {
         KeytabInMemory keytab(context);
         keytab.Add({state.AccountPrincipal()}, newest.version, newest.keys);
         LogInAsMachine(kerberos, state.account, keytab.Name());
-        Adopt(context, state, newest);
+        held ? Adopt(context, state, newest) : AdoptUnlessBusy(context, state, newest);
+    }
+}
+
+bool AreAccepted(const Controller& controller, const DomainState& state,
+                 const std::vector<AccountKey>& keys, const Deadline& deadline) {
+    KerberosSession kerberos(controller.realm, FinderFor(controller, deadline), deadline);
+    KeytabInMemory keytab(kerberos.Context());
+    keytab.Add({state.AccountPrincipal()}, 1, keys);
+    try {
+        LogInAsMachine(kerberos, state.account, keytab.Name());
+        return true;
+    } catch (const Error& error) {
+        if (error.Code() != Status::MachineKeyRejected)
+            throw;
+        return false;
     }
 }
 

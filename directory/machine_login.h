@@ -4,22 +4,32 @@
 
 #include "domain_state.h"
 #include "kerberos.h"
+#include "locator.h"
 
 #include <string>
+#include <vector>
 
 namespace tessary::directory {
 
 /// Gets an initial ticket with the machine account's own key.
-/// \param keytab such as "FILE:/etc/krb5.keytab"
+/// \param keytab  such as "FILE:/etc/krb5.keytab"
+/// \param service as KerberosSession::LogInWithKeytab() takes it
 /// \throws Error MachineKeyRejected or NoMachineAccount where a user would get WrongPassword or
 ///         NoSuchUser
 void LogInAsMachine(KerberosSession& kerberos, const std::string& account,
-                    const std::string& keytab);
+                    const std::string& keytab, const char* service = nullptr);
 
 /// The same with the host's keytab. Where the domain does not accept the account's key and the
 /// keytab has a newer one that a change of keys has left there (see KeyChange), that one is tried;
 /// if it is the right one, it becomes the account's.
-void LogInAsHost(KerberosSession& kerberos, const DomainState& state);
+/// \param held the membershipLock, if the caller has it; else null
+void LogInAsHost(KerberosSession& kerberos, const DomainState& state,
+                 const StateLock* held = nullptr);
+
+/// Whether the domain accepts keys as the account's.
+/// \throws Error as LogInAsMachine(), but for MachineKeyRejected
+bool AreAccepted(const Controller& controller, const DomainState& state,
+                 const std::vector<AccountKey>& keys, const Deadline& deadline);
 
 } // namespace tessary::directory
 

@@ -11,9 +11,10 @@ namespace tessary::directory {
 /// gives the account a new key and enables it.
 ///
 /// Either all of it happens or the host is left as it was: what a failed join created it removes
-/// again, the account included, unless the controller is gone by then. A process that is killed
-/// on the way leaves the host not joined (at most with an account, and keys, that the next join
-/// takes over).
+/// again, the account included, unless the controller is gone by then. A member that joins again
+/// keeps its keys beside the new one; whichever of them the domain takes in the end will do. A
+/// process that is killed on the way leaves the host not joined (at most with an account, and keys,
+/// that the next join takes over).
 /// \param domain the domain's DNS name
 /// \param unit   where to make the account: "Servers/Hosts", a distinguished name, or empty
 /// \param user   "alice", "alice@corp.example" or "CORP\alice"

@@ -2,6 +2,8 @@
 
 #include "error.h"
 #include "kerberos_owner.h"
+#include "machine_login.h"
+#include "operation.h"
 
 #include <cstring>
 
@@ -12,10 +14,34 @@ constexpr int passwordPort = 464;
 constexpr char service[] = "kadmin/changepw";
 
 using Data = KerberosContents<krb5_data, krb5_free_data_contents>;
+using Message = KerberosOwner<char*, krb5_free_string>;
 using Ticket = KerberosContents<krb5_creds, krb5_free_cred_contents>;
 
 std::string Text(const krb5_data& data) {
     return {data.data, data.length};
+}
+
+/// What the domain says besides, such as which rule of its policy the password breaks.
+std::string Explanation(krb5_context context, const krb5_data& explanation) {
+    Message text(context);
+    if (explanation.length == 0 || krb5_chpw_message(context, &explanation, text.Out()) != 0)
+        return "";
+    return std::string(" (") + text.Get() + ")";
+}
+
+/// Of the service's answers only some say that nothing was changed.
+Status StatusOf(int result) {
+    switch (result) {
+    case KRB5_KPASSWD_SOFTERROR:
+        return Status::PasswordRefused;
+    case KRB5_KPASSWD_MALFORMED:
+    case KRB5_KPASSWD_ACCESSDENIED:
+    case KRB5_KPASSWD_BAD_VERSION:
+    case KRB5_KPASSWD_INITIAL_FLAG_NEEDED:
+        return Status::AccessDenied;
+    default:
+        return Status::InternalError;
+    }
 }
 
 } // namespace
@@ -24,7 +50,7 @@ PasswordChange::PasswordChange(const Session& session, const std::string& accoun
                                const std::string& keytab)
     : kerberos_(session.Where().realm, FinderFor(session.Where(), session.End()), session.End(),
                 "[" + session.Where().address.Text() + "]:" + std::to_string(passwordPort)) {
-    kerberos_.LogInWithKeytab(account, keytab, service);
+    LogInAsMachine(kerberos_, account, keytab, service);
 }
 
 void PasswordChange::Execute(const Secret& password) {
@@ -37,14 +63,16 @@ void PasswordChange::Execute(const Secret& password) {
     int result = 0;
     Data resultName(context);
     Data explanation(context);
-    const krb5_error_code code =
-        krb5_change_password(context, const_cast<krb5_creds*>(&ticket.Get()), text.Data(), &result,
-                             resultName.Out(), explanation.Out());
-    kerberos_.Check(code, "no answer to the change of the password");
+    const auto change = [&] {
+        const Waiting waiting;
+        return krb5_change_password(context, const_cast<krb5_creds*>(&ticket.Get()), text.Data(),
+                                    &result, resultName.Out(), explanation.Out());
+    };
+    kerberos_.Check(change(), "no answer to the change of the password");
     if (result != 0)
-        throw Error(result == KRB5_KPASSWD_SOFTERROR ? Status::PasswordRefused
-                                                     : Status::AccessDenied,
-                    "the domain refuses the new password: " + Text(resultName.Get()));
+        throw Error(StatusOf(result),
+                    "the domain refuses the new password: " + Text(resultName.Get()) +
+                        Explanation(context, explanation.Get()));
 }
 
 } // namespace tessary::directory

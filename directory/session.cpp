@@ -47,10 +47,10 @@ Session::Session(Controller controller, const UserName& user, const char* passwo
     Bind();
 }
 
-Session::Session(const DomainState& state, const Deadline& deadline)
+Session::Session(const DomainState& state, const Deadline& deadline, const StateLock* held)
     : controller_(LocateController(state.domain, {}, deadline)), deadline_(deadline),
       kerberos_(controller_.realm, FinderFor(controller_, deadline), deadline) {
-    LogInAsHost(kerberos_, state);
+    LogInAsHost(kerberos_, state, held);
     Bind();
 }
 

@@ -35,7 +35,8 @@ public:
     /// Logs in at a controller of the joined domain with the machine account's own key.
     /// \throws Error MachineKeyRejected or NoMachineAccount where a user would get WrongPassword or
     ///         NoSuchUser
-    Session(const DomainState& state, const Deadline& deadline);
+    /// \param held as LogInAsHost() takes it
+    Session(const DomainState& state, const Deadline& deadline, const StateLock* held = nullptr);
 
     /// Logs in at a controller of another domain, across a trust, with the machine account's own
     /// key. Everything is over by the deadline of `home`.

@@ -77,7 +77,7 @@ protected:
         timePassed += after;
         KeyChange change(context_, state_, version);
         change.Stage(Keys('a'));
-        change.Finish(Keys('a'));
+        change.Finished(Keys('a'), version + 1)->Commit();
     }
 
     std::set<int> Versions(const std::string& principal) const {
@@ -97,7 +97,7 @@ TEST_F(KeyChangeTest, NewKeyIsTheServicesFirst) {
     change.Stage(Keys('b'));
     EXPECT_THAT(Versions(account), ElementsAre(1));
     EXPECT_THAT(Versions(service), ElementsAre(1, 2));
-    change.Finish(Keys('b'));
+    change.Finished(Keys('b'), 2)->Commit();
     EXPECT_THAT(Versions(account), ElementsAre(1, 2));
     EXPECT_THAT(Versions(service), ElementsAre(1, 2));
 }
@@ -148,6 +148,39 @@ TEST_F(KeyChangeTest, KeysOfOthersStay) {
     Change(2, 2 * week);
     EXPECT_THAT(Versions("nfs/web1@OTHER.EXAMPLE"), ElementsAre(900));
     EXPECT_THAT(Versions(service), ElementsAre(2, 3));
+}
+
+TEST_F(KeyChangeTest, OtherServicesWithTheAccountsKeyGetTheNewOne) {
+    Change(0, 0);
+    KeytabReplacement others(context_, std::vector<std::string>());
+    others.Add({"HTTP/web1.corp.example@CORP.EXAMPLE"}, 1, Keys('a'));
+    others.Add({"nfs/web1.corp.example@CORP.EXAMPLE"}, 1, Keys('n'));
+    others.Commit();
+    KeyChange change(context_, state_, 1);
+    change.Stage(Keys('b'));
+    EXPECT_THAT(Versions("HTTP/web1.corp.example@CORP.EXAMPLE"), ElementsAre(1, 2));
+    change.Finished(Keys('b'), 2)->Commit();
+    EXPECT_THAT(Versions("HTTP/web1.corp.example@CORP.EXAMPLE"), ElementsAre(1, 2));
+    EXPECT_THAT(Versions("nfs/web1.corp.example@CORP.EXAMPLE"), ElementsAre(1))
+        << "this one is another account's";
+}
+
+TEST_F(KeyChangeTest, ControllerThatIsBehindIsNotBelieved) {
+    Change(0, 0);
+    Change(1, 0);
+    KeyChange change(context_, state_, 1);
+    EXPECT_EQ(change.Version(), 2) << "the keytab knows better";
+    change.Stage(Keys('b'));
+    change.TakeBack();
+    EXPECT_THAT(Versions(account), ElementsAre(1, 2)) << "the key that the host logs in with";
+}
+
+TEST_F(KeyChangeTest, KeysOfAnAccountThatIsNoMoreAreLeftOut) {
+    Change(0, 0);
+    Change(1, 0);
+    Change(2, 0);
+    KeyChange(context_, state_, 3).Finished(Keys('b'), 2)->Commit();
+    EXPECT_THAT(Versions(account), ElementsAre(1, 2)) << "a newer version would be taken for right";
 }
 
 TEST_F(KeyChangeTest, KeytabIsForRootOnly) {

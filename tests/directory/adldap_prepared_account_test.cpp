@@ -154,6 +154,7 @@ TEST_F(PreparedAccountTest, RefusalLeavesAccountAndHostAsTheyWere) {
     EXPECT_EQ(Join("HOST1$", oneTimePassword, "CORP", nullptr, "nosuch.example"), 1355u);
     EXPECT_EQ(Join(""), 87u);
     EXPECT_EQ(Join("HOST1$", nullptr), 87u);
+    EXPECT_EQ(Join("HOST1$", "pa\xc3\x9fwort"), 87u) << "it could not be given back as the old one";
     EXPECT_EQ(operations_->joinDomainWithMachineAccount(nullptr, nullptr), 87u);
     Change("userAccountControl", "4098");
     EXPECT_EQ(Join(), 1331u);

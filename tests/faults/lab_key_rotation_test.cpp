@@ -8,6 +8,7 @@
 #include "directory/session.h"
 #include "directory/trusts.h"
 
+#include <arpa/inet.h>
 #include <dlfcn.h>
 #include <krb5.h>
 #include <ldap.h>
@@ -16,7 +17,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -126,6 +129,28 @@ public:
         return code;
     }
 
+    /// Logs in with the host's own key, as the host's other programs do. In the moment in which the
+    /// domain has a new key and the keytab has not, that fails: they try again.
+    krb5_error_code LogInAsHost() {
+        constexpr int tries = 20;
+        krb5_principal client = nullptr;
+        krb5_error_code code = krb5_parse_name(context_, "HOST1$@CORP.EXAMPLE", &client);
+        for (int i = 0; code == 0 || (i > 0 && i < tries); ++i) {
+            krb5_creds ticket{};
+            code =
+                krb5_get_init_creds_keytab(context_, &ticket, client, nullptr, 0, nullptr, nullptr);
+            krb5_free_cred_contents(context_, &ticket);
+            if (code == 0)
+                break;
+            ++repeated_;
+            usleep(10'000);
+        }
+        krb5_free_principal(context_, client);
+        return code;
+    }
+    /// How often that had to be tried again.
+    int Repeated() const { return repeated_; }
+
     /// Gets a ticket for the host and keeps it.
     krb5_error_code KeepTicket(const std::string& user, const std::string& password) {
         krb5_principal client = nullptr;
@@ -193,6 +218,7 @@ private:
 
     krb5_context context_ = nullptr;
     krb5_ccache kept_ = nullptr;
+    int repeated_ = 0;
 };
 
 class LabKeyRotation : public testing::Test {
@@ -336,13 +362,14 @@ TEST_F(LabKeyRotation, NobodyNoticesIt) {
             }
         });
     };
-    LoginProgram first, second, third;
+    LoginProgram first, second, third, fourth;
     ASSERT_EQ(third.KeepTicket("alice@CORP.EXAMPLE", Lab("USER_PASSWORD")), 0);
     std::vector<std::thread> loops;
     loops.push_back(loop([&] { return LogIn(first) == 0; }));
     loops.push_back(loop([&] { return LogIn(second) == 0; }));
     loops.push_back(loop([&] { return third.UseKeptTicket() == 0; }));
     loops.push_back(loop([] { return TestMachineTrust() == MachineTrust::Good; }));
+    loops.push_back(loop([&] { return fourth.LogInAsHost() == 0; }));
     for (int i = 0; i < 10; ++i)
         EXPECT_EQ(StatusOfRotation(), Status::Success);
     done = true;
@@ -350,6 +377,7 @@ TEST_F(LabKeyRotation, NobodyNoticesIt) {
         each.join();
     EXPECT_EQ(failed, 0) << "of " << logins;
     RecordProperty("logins", logins);
+    RecordProperty("repeated", fourth.Repeated());
     EXPECT_GT(logins, 20);
 }
 
@@ -368,6 +396,72 @@ TEST_F(LabKeyRotation, RefusalLeavesTheKeytabAsItWas) {
     EXPECT_EQ(StatusOfRotation(), Status::AccessDenied);
     EXPECT_EQ(Content(hostKeytab), before);
     ExpectAllWorks();
+}
+
+TEST_F(LabKeyRotation, FailureOfTheServiceIsNoRefusal) {
+    for (const int result : {KRB5_KPASSWD_HARDERROR, KRB5_KPASSWD_AUTHERROR}) {
+        const int before = VersionInDomain();
+        atChange = [&](const auto& real, int* told) {
+            EXPECT_EQ(real(), 0);
+            *told = result;
+            return 0;
+        };
+        EXPECT_EQ(StatusOfRotation(), Status::Success) << "it was asked whether the key is taken";
+        EXPECT_EQ(VersionInDomain(), before + 1);
+        ExpectAllWorks();
+    }
+}
+
+TEST_F(LabKeyRotation, KeyOfTheFutureIsNotYoung) {
+    // The clock was a year ahead when the key came.
+    std::string keytab = Content(hostKeytab);
+    const std::uint32_t now = htonl(static_cast<std::uint32_t>(std::time(nullptr)));
+    const std::string century(reinterpret_cast<const char*>(&now), 2);
+    for (std::size_t at = keytab.find(century); at != std::string::npos;
+         at = keytab.find(century, at + 1))
+        keytab[at] = static_cast<char>(keytab[at] + 2);
+    std::ofstream(hostKeytab, std::ios::binary) << keytab;
+    EXPECT_TRUE(RotateKey(std::chrono::hours(1)));
+    ExpectAllWorks();
+}
+
+TEST_F(LabKeyRotation, NextRotationMendsOneThatWasBrokenOff) {
+    const int before = VersionInDomain();
+    atChange = [](const auto& real, int*) -> krb5_error_code {
+        real();
+        Die();
+    };
+    RotateInProcessThatDies();
+    atChange = nullptr;
+    EXPECT_EQ(StatusOfRotation(), Status::Success);
+    EXPECT_EQ(VersionInDomain(), before + 2);
+    ExpectAllWorks();
+}
+
+TEST_F(LabKeyRotation, HostWithoutAKeyIsToldSo) {
+    const std::string keytab = Content(hostKeytab);
+    std::remove(hostKeytab);
+    EXPECT_EQ(StatusOfRotation(), Status::MachineKeyRejected);
+    EXPECT_EQ(TestMachineTrust(), MachineTrust::KeyRejected);
+    std::ofstream(hostKeytab, std::ios::binary) << keytab;
+    ExpectAllWorks();
+}
+
+TEST_F(LabKeyRotation, JoiningAgainLeavesOtherServicesTheirPrincipals) {
+    const DomainState state = DomainState::Load().value();
+    Session admin(LocateController(state.domain, {}, Deadline::In(queryTime)),
+                  UserName::Parse(Lab("ADMIN")), Lab("PASSWORD").c_str(), Deadline::In(queryTime));
+    admin.Ldap().Modify(
+        state.accountDn,
+        {{LDAP_MOD_ADD, "servicePrincipalName", {"HTTP/host1.corp.example", "HOST/former"}}},
+        admin.End());
+    Join();
+    EXPECT_THAT(admin.Ldap()
+                    .Read(state.accountDn, {"servicePrincipalName"}, admin.End())
+                    .Values("servicePrincipalName"),
+                testing::UnorderedElementsAre(
+                    "HOST/host1", "HOST/host1.corp.example", "RestrictedKrbHost/host1",
+                    "RestrictedKrbHost/host1.corp.example", "HTTP/host1.corp.example"));
 }
 
 TEST_F(LabKeyRotation, LostAnswerIsLookedInto) {
