@@ -92,28 +92,43 @@ std::string MaintenanceText() {
            (*version == TESAUTH_MAINTENANCE_API_VERSION ? "" : ", which this command cannot use");
 }
 
-std::string RemedyFor(const LoadedProvider& loaded) {
-    const std::string settings = "/etc/tessary/tesauth/provider.conf";
-    if (loaded.name.empty()) {
-        return "echo 'provider = \"adldap\"' > " + settings;
+std::string RemedyFor(const std::string& provider) {
+    const std::string nameAnother =
+        "echo 'provider = \"adldap\"' > /etc/tessary/tesauth/provider.conf";
+    return provider.empty()
+               ? nameAnother
+               : "install lib" + provider +
+                     ".so in /usr/libexec/tesauth/, or name another provider: " + nameAnother;
+}
+
+/// For what cannot be looked at since something else is not in order.
+Finding NotLookedAt(const char* check, const char* other) {
+    return {check, Severity::Warning, std::string("not looked at: see ") + other, ""};
+}
+
+/// What provider.conf says; nothing when it cannot be read, parsed, or lacks its key.
+std::optional<std::string> NamedProvider() {
+    try {
+        return auth::ProviderConfiguration()["provider"];
+    } catch (const auth::Exception&) {
+        return std::nullopt;
     }
-    return "install lib" + loaded.name +
-           ".so in /usr/libexec/tesauth/, or name another provider: "
-           "echo 'provider = \"adldap\"' > " +
-           settings;
 }
 
 } // namespace
 
 LoadedProvider LoadProvider() {
     LoadedProvider loaded;
+    loaded.name = NamedProvider();
+    if (!loaded.name) {
+        return loaded;
+    }
+    if (loaded.name->empty()) {
+        loaded.whyNot = "the settings name no provider";
+        return loaded;
+    }
     try {
-        loaded.name = auth::ProviderConfiguration()["provider"];
-        if (loaded.name.empty()) {
-            loaded.whyNot = "the settings name no provider";
-            return loaded;
-        }
-        loaded.provider = std::make_shared<auth::ActiveDirectoryProvider>(loaded.name);
+        loaded.provider = std::make_shared<auth::ActiveDirectoryProvider>(*loaded.name);
         KeepLoaded(loaded.provider);
         loaded.maintenance = Maintenance::OfLoadedProvider();
     } catch (const auth::Exception& failure) {
@@ -126,14 +141,12 @@ void DiagnoseDirectory(const LoadedProvider& loaded, const std::string& domain,
                        std::chrono::seconds limit, const Report& report) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     if (loaded.provider == nullptr) {
-        report({directoryCheck, Severity::Failure,
-                "it could not be looked at without a provider: " + loaded.whyNot,
-                RemedyFor(loaded)});
+        report(NotLookedAt(directoryCheck, providerCheck));
         return;
     }
     if (!loaded.maintenance || !loaded.maintenance->CanDiagnose()) {
         report({directoryCheck, Severity::Warning,
-                "it was not looked at: the provider '" + loaded.name + "' offers no diagnosis",
+                "it was not looked at: the provider '" + *loaded.name + "' offers no diagnosis",
                 "`tesauthctl status` shows how the provider answers"});
         return;
     }
@@ -158,15 +171,19 @@ void DiagnoseDirectory(const LoadedProvider& loaded, const std::string& domain,
 }
 
 void CheckProvider(const LoadedProvider& loaded, const Report& report) {
+    if (!loaded.name) {
+        report(NotLookedAt(providerCheck, "provider.conf"));
+        return;
+    }
     if (loaded.provider == nullptr) {
-        report({providerCheck, Severity::Failure, loaded.whyNot, RemedyFor(loaded)});
+        report({providerCheck, Severity::Failure, loaded.whyNot, RemedyFor(*loaded.name)});
         return;
     }
     const std::string file = FileOfProvider();
     const bool orderly = ReportPath(providerCheck, {file, 0022, "go-w"}, report);
     if (orderly) {
         report({providerCheck, Severity::Ok,
-                loaded.name + ", interface version " +
+                *loaded.name + ", interface version " +
                     std::to_string(loaded.provider->GetAPIVersion()) + ", " + MaintenanceText() +
                     ", " + file,
                 ""});

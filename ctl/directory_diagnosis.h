@@ -15,9 +15,10 @@ namespace ctl {
 
 /// The provider that the host's settings name, loaded for good, or why it could not be loaded.
 struct LoadedProvider {
-    std::string name; ///< empty when the settings don't tell
+    /// Nothing when provider.conf does not tell; a check of that file's own says why.
+    std::optional<std::string> name;
     std::shared_ptr<tessary::authentication::ActiveDirectoryProvider> provider;
-    std::string whyNot; ///< set when there is no provider
+    std::string whyNot; ///< set when there is a name, but no provider
     std::optional<Maintenance> maintenance;
 };
 
@@ -25,7 +26,8 @@ struct LoadedProvider {
 LoadedProvider LoadProvider();
 
 /// Lets the provider look at the directory and reports its findings as they come, on this thread.
-/// When the time is over, or when the provider cannot look, that is a finding. What is not done by
+/// When the time is over, or when the provider cannot look, that is a finding; that there is no
+/// provider is one of CheckProvider() and only referred to. What is not done by
 /// then runs on until the process ends, so leave with _exit.
 void DiagnoseDirectory(const LoadedProvider& loaded, const std::string& domain,
                        std::chrono::seconds limit, const Report& report);

@@ -1,5 +1,6 @@
 #include "failure.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <unistd.h>
@@ -18,6 +19,16 @@ namespace {
 template <typename T>
 bool Is(const std::exception& failure) {
     return dynamic_cast<const T*>(&failure) != nullptr;
+}
+
+/// Whether the configuration store is there and is none that can be used, which no rights mend.
+bool IsDamagedStore(const std::exception& failure) {
+    static constexpr const char* signs[] = {"not a database", "malformed", "not a regular file",
+                                            "another application", "schema"};
+    const std::string text = failure.what();
+    return Is<OrvConfigStore::ConfigStoreException>(failure) &&
+           std::any_of(std::begin(signs), std::end(signs),
+                       [&](const char* sign) { return text.find(sign) != std::string::npos; });
 }
 
 constexpr const char* settingsHint = "`tesauthctl diagnose` checks the settings files";
@@ -69,7 +80,9 @@ const Hint hints[] = {
      "set this host's clock, for instance from the domain controllers' "
      "time service; they accept five minutes of difference"},
     {Is<auth::NoSuchDomainException>,
-     "check the name, and that the name servers in /etc/resolv.conf know the domain"},
+     "check the name, and that the name servers in /etc/resolv.conf know the domain",
+     "check the name, and that the name servers in /etc/resolv.conf know the domain; `tesauthctl "
+     "trusts` lists the domains that the host's domain trusts"},
     {Is<auth::InvalidDomainNameException>, "write the domain by its DNS name, as corp.example"},
     {Is<auth::NoNetworkException>, "bring up the host's network first"},
     {Is<auth::NoLogonServersException>,
@@ -99,6 +112,7 @@ const Hint hints[] = {
     {Is<auth::ConfigurationError>, settingsHint},
     {Is<auth::InvalidKeyException>, settingsHint},
     {Is<auth::IOError>, settingsHint},
+    {IsDamagedStore, "`tesauthctl diagnose` tells how to mend it"},
     {Is<OrvConfigStore::ConfigStoreException>, stateHint},
     {Is<HostCtl::Lib::HostCtlException>, stateHint},
 };
@@ -130,7 +144,11 @@ bool MayNot(const char* path, int mode) {
 
 /// Whether a failure to use the host's own files comes from the caller's rights. The exceptions
 /// don't carry the cause, so it is looked up where it shows.
-bool ComesFromFileRights(const std::exception& failure) {
+bool ComesFromFileRights(const std::exception& failure, ActingAccount account) {
+    if (Is<auth::AccessDeniedException>(failure)) {
+        return account == ActingAccount::Host &&
+               (MayNot("/var/lib/tessary", X_OK) || MayNot("/etc/krb5.keytab", R_OK));
+    }
     if (Is<OrvConfigStore::ConfigStoreException>(failure) ||
         Is<HostCtl::Lib::HostCtlException>(failure)) {
         constexpr const char* store = "/var/lib/tessary/configstore.db";
@@ -145,16 +163,18 @@ bool ComesFromFileRights(const std::exception& failure) {
     return false;
 }
 
-ExitCode ExitCodeFor(const std::exception& failure) {
+ExitCode ExitCodeFor(const std::exception& failure, ActingAccount account) {
     if (Is<UsageError>(failure)) {
         return ExitCode::WrongUsage;
     }
-    return Is<NotPermittedError>(failure) || ComesFromFileRights(failure) ? ExitCode::NotPermitted
-                                                                          : ExitCode::Failed;
+    const bool lacksRights =
+        Is<NotPermittedError>(failure) || ComesFromFileRights(failure, account);
+    return lacksRights ? ExitCode::NotPermitted : ExitCode::Failed;
 }
 
 Failure Describe(const std::exception& failure, ActingAccount account) {
-    Failure told = {ExitCodeFor(failure), failure.what(), 0, HintFor(failure, account), ""};
+    Failure told = {ExitCodeFor(failure, account), failure.what(), 0, HintFor(failure, account),
+                    ""};
     if (const auto* numbered = dynamic_cast<const auth::Exception*>(&failure)) {
         told.code = numbered->GetCode();
         told.cause = CauseOf(*numbered);

@@ -14,8 +14,12 @@ struct Finding {
     std::string check; ///< what was looked at, in a few words
     Severity severity;
     std::string text;
-    std::string remedy; ///< what mends it; empty when it is in order
+    std::string remedy; ///< what mends it; empty when it is in order or another finding tells it
 };
+
+/// The remedy for what this user may not look at. Whoever tells it adds the domain that the
+/// diagnosis is of, if one was named.
+inline constexpr const char* asRoot = "run as root: tesauthctl diagnose";
 
 /// Takes one finding. It must not throw.
 using Report = std::function<void(const Finding&)>;

@@ -20,15 +20,23 @@ namespace auth = tessary::authentication;
 
 namespace {
 
-constexpr const char* settingsFolder = "/etc/tessary/tesauth/";
+constexpr const char* settingsFolder = "/etc/tessary/tesauth";
 constexpr const char* stateFolder = "/var/lib/tessary";
 constexpr const char* storeFile = "/var/lib/tessary/configstore.db";
 constexpr const char* keytab = "/etc/krb5.keytab";
-constexpr const char* asRoot = "run as root: sudo tesauthctl diagnose";
+constexpr const char* storeRemedy = "mv /var/lib/tessary/configstore.db "
+                                    "/var/lib/tessary/configstore.db.old, then tesauthctl join "
+                                    "DOMAIN -U USER";
 
 bool IsThere(const std::string& path) {
     struct stat status = {};
     return lstat(path.c_str(), &status) == 0 || errno != ENOENT;
+}
+
+/// Whether there is nothing at a path, links followed.
+bool LeadsNowhere(const std::string& path) {
+    struct stat status = {};
+    return stat(path.c_str(), &status) != 0 && errno == ENOENT;
 }
 
 bool IsRegular(const std::string& path) {
@@ -101,14 +109,16 @@ Finding JudgeContent(const SettingsFile& file, const std::string& writeAnew) {
         return {"", Severity::Failure, failure.what(), writeAnew};
     } catch (const auth::Exception& failure) { // a line that is no assignment, or no such key
         return {"", Severity::Failure,
-                std::string(settingsFolder) + file.name + ": " + failure.what(), writeAnew};
+                std::string(settingsFolder) + '/' + file.name + ": " + failure.what(), writeAnew};
     }
 }
 
 void CheckSettings(const SettingsFile& file, const Report& report) {
-    const std::string path = std::string(settingsFolder) + file.name;
+    const std::string path = std::string(settingsFolder) + '/' + file.name;
+    const std::string makeFolder =
+        IsThere(settingsFolder) ? "" : std::string("mkdir -p ") + settingsFolder + " && ";
     const std::string writeAnew =
-        std::string("echo '") + file.key + " = " + Quoted(file.usual) + "' > " + path;
+        makeFolder + "echo '" + file.key + " = " + Quoted(file.usual) + "' > " + path;
     if (!IsThere(path)) {
         report({file.name, Severity::Failure, path + " is missing", writeAnew});
         return;
@@ -148,7 +158,7 @@ bool CheckStateFolder(const Report& report) {
 
 void CheckKeytab(const Report& report) {
     constexpr const char* check = "keytab's permissions";
-    if (!IsThere(keytab)) {
+    if (LeadsNowhere(keytab)) {
         report({check, Severity::Ok, std::string("there is no ") + keytab, ""});
     } else if (ReportPath(check, {keytab, 0077, "0600"}, report)) {
         report({check, Severity::Ok, std::string(keytab) + " is root's alone", ""});
@@ -172,7 +182,7 @@ std::optional<Finding> WhyNotOpened(const char* check, bool folderIsOrderly) {
     }
     if (lstat(storeFile, &status) != 0 || !S_ISREG(status.st_mode)) {
         return Finding{check, Severity::Failure, std::string(storeFile) + " is no regular file",
-                       std::string("move it away: mv ") + storeFile + ' ' + storeFile + ".old"};
+                       storeRemedy};
     }
     if (status.st_size == 0) {
         return Finding{check, Severity::Ok, std::string(storeFile) + " is still empty", ""};
@@ -201,9 +211,7 @@ void CheckConfigurationStore(bool folderIsOrderly, const Report& report) {
                                : "it opens, and " + domain + " is on record",
                 ""});
     } catch (const std::exception& failure) {
-        report({check, Severity::Failure, failure.what(),
-                std::string("move it away and join again: mv ") + storeFile + ' ' + storeFile +
-                    ".old"});
+        report({check, Severity::Failure, failure.what(), storeRemedy});
     }
 }
 

@@ -12,7 +12,9 @@ using namespace ctl;
 
 Answer Run(const Verb& verb, const Arguments& arguments) {
     if (verb.changesHost && geteuid() != 0) {
-        throw NotPermittedError(std::string(verb.name) + " changes this host and needs root");
+        const std::string name =
+            (verb.group == nullptr ? "" : verb.group + std::string(" ")) + verb.name;
+        throw NotPermittedError(name + " changes this host and needs root");
     }
     return verb.run(arguments);
 }

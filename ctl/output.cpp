@@ -7,21 +7,38 @@ namespace ctl {
 
 namespace {
 
-/// Names come from the directory; a terminal obeys some of what could stand in them.
-std::string Harmless(std::string text) {
-    for (char& c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if ((byte < 0x20 && c != '\n') || byte == 0x7f) {
-            c = '?';
-        }
+/// How many bytes at a place of a UTF-8 text are a character that a terminal obeys; 0 if none is.
+std::size_t ControlAt(const std::string& text, std::size_t place) {
+    const auto byteAt = [&](std::size_t index) {
+        return index < text.size() ? static_cast<unsigned char>(text[index]) : 0U;
+    };
+    const unsigned byte = byteAt(place);
+    if (byte < 0x20 || byte == 0x7f) {
+        return 1;
     }
-    return text;
+    const unsigned next = byteAt(place + 1);
+    return byte == 0xc2 && next >= 0x80 && next < 0xa0 ? 2 : 0; // those above ASCII
 }
 
-/// What comes from elsewhere must not pass for a line of ours.
-std::string OneLine(std::string text) {
-    std::replace(text.begin(), text.end(), '\n', ' ');
-    return Harmless(std::move(text));
+/// The text with each such character as `write` has it, given its number.
+template <typename Write>
+std::string WithoutControls(const std::string& text, Write write) {
+    std::string told;
+    for (std::size_t i = 0; i < text.size();) {
+        const std::size_t length = ControlAt(text, i);
+        if (length == 0) {
+            told += text[i++];
+            continue;
+        }
+        told += write(static_cast<unsigned char>(text[i + length - 1]));
+        i += length;
+    }
+    return told;
+}
+
+/// Names come from the directory; a terminal obeys some of what could stand in them.
+std::string Harmless(const std::string& text) {
+    return WithoutControls(text, [](unsigned char number) { return number == '\n' ? '\n' : '?'; });
 }
 
 bool WriteLine(std::FILE* stream, const std::string& line) {
@@ -29,9 +46,17 @@ bool WriteLine(std::FILE* stream, const std::string& line) {
     return std::fflush(stream) == 0 && written;
 }
 
-/// Names are bytes to us; those that are no UTF-8 must not keep the rest from being told.
+/// Names are bytes to us; those that are no UTF-8 must not keep the rest from being told. JSON
+/// itself escapes only some of what a terminal obeys.
 std::string Dump(const Json& json) {
-    return json.dump(2, ' ', false, Json::error_handler_t::replace);
+    const std::string text = json.dump(2, ' ', false, Json::error_handler_t::replace);
+    return WithoutControls(text, [](unsigned char number) {
+        char escaped[7] = "\n"; // between the values
+        if (number != '\n') {
+            std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(number));
+        }
+        return std::string(escaped);
+    });
 }
 
 ExitCode WriteAnswer(const std::string& answer) {
@@ -48,14 +73,19 @@ void Complain(const Failure& failure) {
         WriteLine(stderr, OneLine("cause: " + failure.cause));
     }
     if (!failure.hint.empty()) {
-        WriteLine(stderr, Harmless("hint: " + failure.hint));
+        WriteLine(stderr, OneLine("hint: " + failure.hint));
     }
 }
 
 } // namespace
 
+std::string OneLine(std::string text) {
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    return Harmless(text);
+}
+
 void Table::Add(const std::string& label, const std::string& value) {
-    rows_.emplace_back(label, value);
+    rows_.emplace_back(label, OneLine(value));
 }
 
 std::string Table::Text() const {
@@ -75,6 +105,9 @@ Json ToJson(const Failure& failure) {
     Json json = {{"text", failure.text}, {"code", failure.code}};
     if (!failure.cause.empty()) {
         json["cause"] = failure.cause;
+    }
+    if (!failure.hint.empty()) {
+        json["hint"] = failure.hint;
     }
     return json;
 }
@@ -100,11 +133,11 @@ ExitCode Tell(const Failure& failure, bool asJson) {
 }
 
 bool TellLine(const std::string& line) {
-    return WriteLine(stdout, OneLine(line));
+    return WriteAnswer(OneLine(line)) == ExitCode::Done;
 }
 
 void Notify(const std::string& line) {
-    WriteLine(stderr, Harmless("tesauthctl: " + line));
+    WriteLine(stderr, OneLine("tesauthctl: " + line));
 }
 
 } // namespace ctl

@@ -11,6 +11,7 @@ namespace ctl {
 /// The two columns of a text answer.
 class Table {
 public:
+    /// The value is told as one line, whatever is in it.
     void Add(const std::string& label, const std::string& value);
     std::string Text() const;
 
@@ -18,7 +19,11 @@ private:
     std::vector<std::pair<std::string, std::string>> rows_;
 };
 
-/// The failure as {"text": ..., "code": ...}, and with "cause" if it is known.
+/// A value from elsewhere, such as a name in the directory, as part of a line: it can neither start
+/// a line of its own nor give orders to a terminal.
+std::string OneLine(std::string text);
+
+/// The failure as {"text": ..., "code": ...}, with "cause" and "hint" if they are known.
 Json ToJson(const Failure& failure);
 
 /// Writes the answer to standard output, and its failure, if it has one, to standard error.
@@ -26,7 +31,7 @@ Json ToJson(const Failure& failure);
 ExitCode Tell(const Answer& answer, bool asJson);
 
 /// Writes a line of an answer that is told bit by bit to standard output, whatever is in it as one
-/// line. Returns false when it could not be written.
+/// line. When it cannot be written, says so on standard error and returns false.
 bool TellLine(const std::string& line);
 
 /// Writes a failure, its cause and its hint to standard error, and as JSON to standard output when
@@ -34,7 +39,7 @@ bool TellLine(const std::string& line);
 /// asked at all.
 ExitCode Tell(const Failure& failure, bool asJson);
 
-/// Writes a line to standard error.
+/// Writes a line to standard error, whatever is in it as one line.
 void Notify(const std::string& line);
 
 } // namespace ctl

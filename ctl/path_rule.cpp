@@ -20,9 +20,11 @@ std::string Octal(mode_t mode) {
 bool ReportPath(const std::string& check, const PathRule& rule, const Report& report) {
     struct stat status = {};
     if (stat(rule.path.c_str(), &status) != 0) {
-        report({check, Severity::Warning,
-                rule.path + " could not be looked at: " + std::generic_category().message(errno),
-                "run as root: sudo tesauthctl diagnose"});
+        const int error = errno;
+        const bool lacksRights = error == EACCES;
+        report({check, lacksRights ? Severity::Warning : Severity::Failure,
+                rule.path + " could not be looked at: " + std::generic_category().message(error),
+                lacksRights ? asRoot : "ls -l " + rule.path + " shows where it leads"});
         return false;
     }
     const bool rightOwner = status.st_uid == 0;

@@ -2,6 +2,7 @@
 
 #include "directory_probe.h"
 #include "names.h"
+#include "output.h"
 
 namespace ctl {
 
@@ -19,7 +20,7 @@ Answer ListTrustedDomains(const Arguments& arguments) {
     Answer answer = {"", {{"trustedDomains", Json::array()}, {"live", true}}};
     for (const auto& domain : probe.TrustedDomains()) {
         answer.text +=
-            (answer.text.empty() ? "" : "\n") + domain.dnsName + "  " + domain.netbiosName;
+            (answer.text.empty() ? "" : "\n") + OneLine(domain.dnsName + "  " + domain.netbiosName);
         answer.json["trustedDomains"].push_back(
             {{"dnsName", domain.dnsName}, {"netbiosName", domain.netbiosName}});
     }
@@ -41,21 +42,23 @@ Answer FindDomainController(const Arguments& arguments) {
     const DirectoryProbe probe = ProbeFor(arguments);
     const auto name = std::make_shared<std::string>();
     probe.Await(probe.AskDomainController(arguments.domain, name));
-    return {*name, {{"domain", arguments.domain}, {"domainController", *name}, {"live", true}}};
+    return {OneLine(*name),
+            {{"domain", arguments.domain}, {"domainController", *name}, {"live", true}}};
 }
 
 Answer ShowUser(const Arguments& arguments) {
     const DirectoryProbe probe = ProbeFor(arguments);
     const auto name = std::make_shared<std::string>();
     probe.Await(probe.AskCanonicalName(arguments.name, name));
-    return {*name, {{"user", arguments.name}, {"canonicalName", *name}, {"live", true}}};
+    return {OneLine(*name), {{"user", arguments.name}, {"canonicalName", *name}, {"live", true}}};
 }
 
 Answer ShowPrincipal(const Arguments& arguments) {
     const DirectoryProbe probe = ProbeFor(arguments);
     const auto principal = std::make_shared<std::string>();
     probe.Await(probe.AskHostPrincipal(arguments.domain, principal));
-    return {*principal, {{"domain", arguments.domain}, {"principal", *principal}, {"live", true}}};
+    return {OneLine(*principal),
+            {{"domain", arguments.domain}, {"principal", *principal}, {"live", true}}};
 }
 
 } // namespace ctl

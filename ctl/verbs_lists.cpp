@@ -1,7 +1,12 @@
 #include "verbs.h"
 
+#include <algorithm>
+#include <cstring>
+#include <strings.h>
+
 #include "directory_probe.h"
 #include "host_store.h"
+#include "output.h"
 
 namespace ctl {
 
@@ -11,9 +16,22 @@ template <typename Names>
 std::string Joined(const Names& names, const char* between) {
     std::string text;
     for (const std::string& name : names) {
-        text += (text.empty() ? "" : between) + name;
+        text += (text.empty() ? "" : between) + OneLine(name);
     }
     return text;
+}
+
+/// Throws UsageError when a name stands twice in a list: one of the two is a slip.
+template <typename Compare>
+void RefuseTwins(const std::vector<std::string>& names, Compare compare) {
+    for (auto name = names.begin(); name != names.end(); ++name) {
+        const auto isTwin = [&](const std::string& earlier) {
+            return compare(earlier.c_str(), name->c_str()) == 0;
+        };
+        if (std::any_of(names.begin(), name, isTwin)) {
+            throw UsageError('\'' + *name + "' is named twice");
+        }
+    }
 }
 
 /// The answer to a verb that has set a list.
@@ -37,6 +55,7 @@ Answer GetDomainControllers(const Arguments& arguments) {
 }
 
 Answer SetDomainControllers(const Arguments& arguments) {
+    RefuseTwins(arguments.names, strcasecmp);
     // Not by the store's own operation: where the provider has none, that one only logs it.
     HostStore(noWaitSeconds)
         .Provider()
@@ -52,6 +71,7 @@ Answer GetSmartCardServices(const Arguments& arguments) {
 }
 
 Answer SetSmartCardServices(const Arguments& arguments) {
+    RefuseTwins(arguments.names, strcmp);
     HostStore(noWaitSeconds).SetSmartCardEnabledServices(arguments.names);
     return Told(arguments.names, "smart-card services", servicesKey);
 }

@@ -5,6 +5,7 @@
 #include "host_store.h"
 #include "hostctl/host.h"
 #include "maintenance.h"
+#include "output.h"
 #include "progress.h"
 #include "tesauth/config_store.h"
 #include "tesauth/exceptions.h"
@@ -54,6 +55,34 @@ std::string DomainOf(const HostStore& store) {
         return store.Provider().GetActiveDomain().dnsName;
     } catch (const auth::Exception&) {
         return ""; // only the answer's wording depends on it
+    }
+}
+
+/// Whether the provider says so; not when it cannot tell.
+bool IsInNoDomain(const HostStore& store) {
+    try {
+        return store.Provider().GetActiveDomain().dnsName.empty();
+    } catch (const auth::Exception&) {
+        return false;
+    }
+}
+
+/// What a request for a new key came to.
+enum class KeyRequest { NewKey, OldKey, NoDomain };
+
+/// A host in no domain has no old key either: who asks for the age only, such as the timer that
+/// runs on any host, has nothing to learn from a failure.
+KeyRequest RequestKey(const HostStore& store, const Maintenance& maintenance, int olderThanDays) {
+    constexpr uint32_t daySeconds = 24 * 60 * 60;
+    try {
+        const bool rotated =
+            maintenance.RotateMachineKey(static_cast<uint32_t>(olderThanDays) * daySeconds);
+        return rotated ? KeyRequest::NewKey : KeyRequest::OldKey;
+    } catch (const auth::FileNotFoundException&) {
+        if (olderThanDays == 0 || !IsInNoDomain(store)) {
+            throw;
+        }
+        return KeyRequest::NoDomain;
     }
 }
 
@@ -111,20 +140,23 @@ Answer Leave(const Arguments& arguments) {
 }
 
 Answer RotateKey(const Arguments& arguments) {
-    constexpr uint32_t daySeconds = 24 * 60 * 60;
     const HostStore store(queryWaitSeconds);
     const auto maintenance = Maintenance::OfLoadedProvider();
     if (!maintenance) {
         throw auth::CallNotImplementedException();
     }
-    bool rotated = false;
+    KeyRequest request{};
     std::string domain;
     RunReported("making a new key", [&] {
-        rotated = maintenance->RotateMachineKey(static_cast<uint32_t>(arguments.olderThanDays) *
-                                                daySeconds);
+        request = RequestKey(store, *maintenance, arguments.olderThanDays);
         domain = DomainOf(store);
     });
-    const std::string where = domain.empty() ? "" : " in " + domain;
+    if (request == KeyRequest::NoDomain) {
+        return {"this host is in no domain: nothing to do",
+                {{"rotated", false}, {"domain", nullptr}}};
+    }
+    const bool rotated = request == KeyRequest::NewKey;
+    const std::string where = domain.empty() ? "" : OneLine(" in " + domain);
     return {rotated ? "new key for this host" + where : WhyNoNewKey(arguments.olderThanDays),
             {{"rotated", rotated}, {"domain", TextOrNull(domain)}}};
 }

@@ -130,9 +130,11 @@ protected:
         EXPECT_EQ(result.status, 1);
         EXPECT_EQ(result.err, "tesauthctl: " + Told(kind) + "\ncause: " + cause +
                                   "\nhint: " + std::string(kind.hint) + "\n");
-        EXPECT_EQ(result.Json(),
-                  (nlohmann::json{
-                      {"error", {{"text", Told(kind)}, {"code", kind.code}, {"cause", cause}}}}));
+        EXPECT_EQ(result.Json(), (nlohmann::json{{"error",
+                                                  {{"text", Told(kind)},
+                                                   {"code", kind.code},
+                                                   {"cause", cause},
+                                                   {"hint", kind.hint}}}}));
         Printed()[result.err].insert(what);
     }
 

@@ -207,6 +207,8 @@ TEST_F(LabFrozen, KilledController) {
               (nlohmann::json{{"text", ConnectionRefusedException().what()},
                               {"cause", "every domain controller refuses the connection: "
                                         "dc1.corp.example: cannot connect: Connection refused"},
+                              {"hint", "the domain controller's host answers, its directory "
+                                       "service does not: is it running?"},
                               {"code", 1225}}));
 
     lab::Lab({"start", "dc1"});

@@ -19,9 +19,6 @@ foreach(name ctl_usage_test ctl_status_test ctl_directory_test ctl_membership_te
   tesauth_host_test(${name} SOURCES ${name}.cpp LIBRARIES tesauth_ctl_test_host)
 endforeach()
 
-find_program(SYSTEMD_ANALYZE systemd-analyze)
-if(SYSTEMD_ANALYZE)
-  tesauth_host_script(ctl_units_test SCRIPT ctl_units_test.sh)
-else()
-  message(STATUS "No systemd-analyze here: the systemd units are not tested")
-endif()
+# Without systemd-analyze it counts as skipped, for all to see.
+tesauth_host_script(ctl_units_test SCRIPT ctl_units_test.sh)
+set_tests_properties(ctl_units_test PROPERTIES SKIP_RETURN_CODE 77)

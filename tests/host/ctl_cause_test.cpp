@@ -11,6 +11,8 @@ using testing::Not;
 const std::string noServer =
     "Exception 0x0000051f: There are currently no logon servers available to service the logon "
     "request.";
+const std::string noServerHint =
+    "no domain controller answered: check the network and the name servers in /etc/resolv.conf";
 
 class CauseTest : public CtlTest {
 protected:
@@ -29,18 +31,20 @@ TEST_F(CauseTest, StandsBetweenTextAndHint) {
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.err, "tesauthctl: " + noServer +
                               "\ncause: dc1.corp.example (192.0.2.7) did not answer in 5 s\n"
-                              "hint: no domain controller answered: check the network and the "
-                              "name servers in /etc/resolv.conf\n");
-    EXPECT_EQ(Error(result),
-              Json({{"text", noServer},
-                    {"code", 1311},
-                    {"cause", "dc1.corp.example (192.0.2.7) did not answer in 5 s"}}));
+                              "hint: " +
+                              noServerHint + "\n");
+    EXPECT_EQ(Error(result), Json({{"text", noServer},
+                                   {"code", 1311},
+                                   {"cause", "dc1.corp.example (192.0.2.7) did not answer in 5 s"},
+                                   {"hint", noServerHint}}));
     EXPECT_EQ(Calls("describeFailure"), "describeFailure|1311\n");
 }
 
 TEST_F(CauseTest, StandsWithoutAHintToo) {
     Script("joinDomain.status=4242\ndescribeFailure.cause.4242=the moon is full\n");
-    EXPECT_THAT(TryJoin().err, testing::EndsWith("\ncause: the moon is full\n"));
+    const Result result = TryJoin();
+    EXPECT_THAT(result.err, testing::EndsWith("\ncause: the moon is full\n"));
+    EXPECT_FALSE(Error(result).contains("hint")) << result.out;
 }
 
 /// Everything that a provider fails is told with its cause, however the verb asks it.
@@ -91,8 +95,14 @@ TEST_F(CauseTest, OneThatJustFitsIsToldWholeToo) {
 }
 
 TEST_F(CauseTest, WhatATerminalWouldObeyIsNotPassedOn) {
-    Script("joinDomain.status=1311\ndescribeFailure.cause.1311=a\033[2J\tb\n");
-    EXPECT_THAT(TryJoin().err, HasSubstr("\ncause: a?[2J?b\n"));
+    Script("joinDomain.status=1311\n"
+           "describeFailure.cause.1311=a\033[2J\tb\xc2\x9b"
+           "2J\xc2\x85\xc3\x84\x7f\n");
+    const Result result = TryJoin();
+    EXPECT_THAT(result.err, HasSubstr("\ncause: a?[2J?b?2J?\xc3\x84?\n"));
+    EXPECT_THAT(result.out, HasSubstr("a\\u001b[2J\\tb\\u009b2J\\u0085\xc3\x84\\u007f\""));
+    EXPECT_EQ(Error(result)["cause"], "a\033[2J\tb\xc2\x9b"
+                                      "2J\xc2\x85\xc3\x84\x7f");
 }
 
 TEST_F(CauseTest, StatusTellsItBesideEachFailure) {
@@ -100,7 +110,10 @@ TEST_F(CauseTest, StatusTellsItBesideEachFailure) {
     Script("getAnyDomainController.status=1311\ndescribeFailure.cause.1311=nobody is there\n");
     EXPECT_THAT(Ctl({"status"}).out, HasSubstr("none: " + noServer + " (nobody is there)\n"));
     EXPECT_EQ(JsonOf(Ctl({"status", "--json"}))["errors"]["domainController"],
-              Json({{"text", noServer}, {"code", 1311}, {"cause", "nobody is there"}}));
+              Json({{"text", noServer},
+                    {"code", 1311},
+                    {"cause", "nobody is there"},
+                    {"hint", noServerHint}}));
 }
 
 class NoCauseTest : public CauseTest {
@@ -196,6 +209,12 @@ INSTANTIATE_TEST_SUITE_P(
         Hinted{"rotateMachineKey", 1330, {"rotate-key"}, "the machine account's password"},
         Hinted{"joinDomain", 1331, joinWords, "the user is disabled, locked or expired"},
         Hinted{"rotateMachineKey", 1331, {"rotate-key"}, "the machine account is disabled"},
+        Hinted{"joinDomain", 1355, joinWords, "check the name, and that the name servers"},
+        Hinted{"convertCanonicalUsername",
+               1355,
+               {"user", "x@y.example"},
+               "check the name, and that the name servers in /etc/resolv.conf know the domain; "
+               "`tesauthctl trusts` lists the domains that the host's domain trusts\n"},
         Hinted{"joinDomain", 1359, joinWords, "`tesauthctl diagnose` looks"},
         Hinted{"rotateMachineKey", 1786, {"rotate-key"}, "join the host again"},
         Hinted{"joinDomain", 1791, joinWords, "another join, leave or change of the key"},
@@ -213,6 +232,13 @@ TEST_F(CauseTest, AHostThatCannotStoreAnOptionHasAHint) {
     scripted::WriteFile("/var/lib/tessary", "in the way\n");
     ExpectFailure(Ctl({"option", "set", "UserVars.ActiveDirectoryVerifyAPXCertificate", "1"}), 1,
                   "\nhint: check that /var/lib/tessary can be written");
+}
+
+TEST_F(CauseTest, ADamagedStoreLeadsToTheDiagnosis) {
+    scripted::Shell("mkdir -m 0700 /var/lib/tessary && cd /var/lib/tessary && "
+                    "echo nonsense > configstore.db && chmod 0600 configstore.db");
+    ExpectFailure(Ctl({"status"}), 1,
+                  "file is not a database\nhint: `tesauthctl diagnose` tells how to mend it\n");
 }
 
 } // namespace

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <gmock/gmock.h>
@@ -36,6 +37,11 @@ protected:
             }
         }
         return {};
+    }
+
+    static auto Failures(const Json& findings) {
+        return std::count_if(findings["findings"].begin(), findings["findings"].end(),
+                             [](const Json& finding) { return finding["severity"] == "failure"; });
     }
 };
 
@@ -167,6 +173,7 @@ TEST_F(DiagnoseTest, AProviderWithoutDiagnosisIsAWarning) {
 struct NoProvider {
     const char* name;
     const char* settings;
+    const char* check; ///< what tells it
     const char* why;
     const char* remedy;
 };
@@ -180,27 +187,34 @@ TEST_P(NoProviderTest, IsAFailureAndTheRestIsLookedAt) {
     EXPECT_EQ(result.err, "");
     const Json json = Json::parse(result.out);
     const Json directory = Finding(json, "directory");
-    EXPECT_EQ(directory["severity"], "failure");
-    EXPECT_THAT(directory["text"].get<std::string>(),
-                StartsWith("it could not be looked at without a provider: "));
-    const Json provider = Finding(json, "provider");
-    EXPECT_EQ(provider["severity"], "failure");
-    EXPECT_THAT(provider["text"].get<std::string>(), HasSubstr(GetParam().why));
-    EXPECT_THAT(provider["remedy"].get<std::string>(), StartsWith(GetParam().remedy));
+    EXPECT_EQ(directory["severity"], "warning");
+    EXPECT_EQ(directory["text"], "not looked at: see provider");
+    const std::string check = GetParam().check;
+    const Json told = Finding(json, check);
+    EXPECT_EQ(told["severity"], "failure");
+    EXPECT_THAT(told["text"].get<std::string>(), HasSubstr(GetParam().why));
+    EXPECT_THAT(told["remedy"].get<std::string>(), StartsWith(GetParam().remedy));
+    if (check != "provider") {
+        EXPECT_EQ(Finding(json, "provider")["severity"], "warning");
+        EXPECT_EQ(Finding(json, "provider")["text"], "not looked at: see " + check);
+    }
+    EXPECT_EQ(Failures(json), 1) << "one cause told twice: " << json;
     EXPECT_EQ(Finding(json, "authentication.conf")["severity"], "ok");
     EXPECT_EQ(Finding(json, "configuration store")["severity"], "ok");
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Ways, NoProviderTest,
-    testing::Values(NoProvider{"NotInstalled", "provider = \"nosuch\"\n",
+    testing::Values(NoProvider{"NotInstalled", "provider = \"nosuch\"\n", "provider",
                                "Unable to open provider: /usr/libexec/tesauth/libnosuch.so",
                                "install libnosuch.so in /usr/libexec/tesauth/"},
-                    NoProvider{"Unset", "provider = \"\"\n", "the settings name no provider",
+                    NoProvider{"Unset", "provider = \"\"\n", "provider",
+                               "the settings name no provider",
                                "echo 'provider = \"adldap\"' > /etc/tessary/tesauth/provider.conf"},
-                    NoProvider{"NoKey", "supplier = \"x\"\n", "'provider' was not found",
-                               "echo 'provider"},
-                    NoProvider{"Nonsense", "nonsense\n", "no delimiter found", "echo 'provider"}),
+                    NoProvider{"NoKey", "supplier = \"x\"\n", "provider.conf",
+                               "'provider' was not found", "echo 'provider"},
+                    NoProvider{"Nonsense", "nonsense\n", "provider.conf", "no delimiter found",
+                               "echo 'provider"}),
     [](const auto& instance) { return std::string(instance.param.name); });
 
 TEST_F(DiagnoseTest, AProviderOfANewerInterfaceIsAFailure) {
@@ -213,7 +227,9 @@ TEST_F(DiagnoseTest, AProviderOfANewerInterfaceIsAFailure) {
 }
 
 TEST_F(DiagnoseTest, AnAnswerThatCannotBeWrittenIsAFailure) {
-    EXPECT_EQ(Ctl({"diagnose"}, {.outputFile = "/dev/full"}).status, 1);
+    const Result text = Ctl({"diagnose"}, {.outputFile = "/dev/full"});
+    EXPECT_EQ(text.status, 1);
+    EXPECT_EQ(text.err, "tesauthctl: cannot write the answer to standard output\n");
     ExpectFailure(Ctl({"diagnose", "--json"}, {.outputFile = "/dev/full"}), 1, "standard output");
 }
 
@@ -224,7 +240,48 @@ TEST_F(DiagnoseTest, NobodyMayLookToo) {
     EXPECT_THAT(result.out, StartsWith("ok       name servers: 192.0.2.1 answers\n"
                                        "ok       provider: scripted, "));
     EXPECT_THAT(result.out, EndsWith("warning  configuration store: only root may read it\n"
-                                     "         run as root: sudo tesauthctl diagnose\n"));
+                                     "         run as root: tesauthctl diagnose\n"));
+}
+
+TEST_F(DiagnoseTest, WhatRootIsToRunIsSaidOnce) {
+    Script("diagnose.finding=1|keytab|this user may not read it|run as root: tesauthctl diagnose "
+           "lab.example\n");
+    scripted::Shell("chmod 0600 " + std::string(scripted::proxyProviderFile));
+    const Result text = Ctl({"diagnose", "lab.example"}, {.asNobody = true});
+    EXPECT_EQ(text.status, 0) << text.err;
+    const std::string remedy = "         run as root: tesauthctl diagnose lab.example\n";
+    EXPECT_THAT(text.out, StartsWith("warning  keytab: this user may not read it\n" + remedy));
+    EXPECT_EQ(text.out.find("run as root"), text.out.rfind("run as root")) << text.out;
+
+    const Json json = JsonOf(Ctl({"diagnose", "lab.example", "--json"}, {.asNobody = true}));
+    for (const char* check : {"keytab", "apxprovider.conf", "configuration store"}) {
+        EXPECT_EQ(Finding(json, check)["remedy"], "run as root: tesauthctl diagnose lab.example");
+    }
+}
+
+TEST_F(DiagnoseTest, WhatRootIsToRunIsOneCommandWhateverTheDomain) {
+    const Json json = JsonOf(Ctl({"diagnose", "it's; x", "--json"}, {.asNobody = true}));
+    EXPECT_EQ(Finding(json, "configuration store")["remedy"],
+              "run as root: tesauthctl diagnose 'it'\\''s; x'");
+}
+
+TEST_F(DiagnoseTest, SettingsThatThisUserMayNotReadAreNoFailure) {
+    scripted::Shell("chmod 0600 " + std::string(scripted::providerFile));
+    const Result result = Ctl({"diagnose"}, {.asNobody = true});
+    EXPECT_EQ(result.status, 0) << result.out;
+    EXPECT_THAT(result.out, HasSubstr("warning  provider: not looked at: see provider.conf\n"));
+}
+
+TEST_F(DiagnoseTest, AMissingFolderIsMadeByTheRemedy) {
+    scripted::Shell("rm -r /etc/tessary/tesauth");
+    const Json json = Json::parse(Ctl({"diagnose", "--json"}).out);
+    for (const char* check : {"authentication.conf", "provider.conf", "apxprovider.conf"}) {
+        const std::string remedy = Finding(json, check)["remedy"];
+        EXPECT_THAT(remedy, StartsWith("mkdir -p /etc/tessary/tesauth && echo '")) << check;
+        scripted::Shell(remedy);
+    }
+    scripted::Shell("cd /usr/libexec/tesauth && cp libscripted.so libadldap.so");
+    EXPECT_EQ(Ctl({"diagnose"}).status, 0);
 }
 
 } // namespace

@@ -92,8 +92,10 @@ TEST_P(QuestionTest, NoAnswerInTimeIsAFailure) {
     Script(std::string(GetParam().operation) + ".hang=1\n");
     const Result result = Ask();
     ExpectFailure(result, 1, "tesauthctl: no answer within 1 s\nhint: ");
-    EXPECT_EQ(Json::parse(result.out),
-              Json::parse(R"({"error": {"text": "no answer within 1 s", "code": 0}})"));
+    EXPECT_EQ(Json::parse(result.out)["error"],
+              Json({{"text", "no answer within 1 s"},
+                    {"code", 0},
+                    {"hint", "is a domain controller running? a longer --timeout waits longer"}}));
 }
 
 TEST_P(QuestionTest, WithoutAProviderFails) {
@@ -130,13 +132,49 @@ TEST_F(DirectoryTest, FailuresAreToldWithNumberAndHint) {
                   "tesauthctl: " + text +
                       "\nhint: check the name, and that the "
                       "name servers in /etc/resolv.conf");
-    EXPECT_EQ(Json::parse(controller.out), Json({{"error", {{"text", text}, {"code", 1355}}}}));
+    const Json error = Json::parse(controller.out)["error"];
+    EXPECT_EQ(error["text"], text);
+    EXPECT_EQ(error["code"], 1355);
+    EXPECT_NE(controller.err.find("hint: " + error["hint"].get<std::string>() + "\n"),
+              std::string::npos);
     ExpectFailure(Ctl({"trusts"}), 1, "hint: is the host joined to a domain?");
 }
 
 TEST_F(DirectoryTest, ADirectoryThatDeniesAccessIsAFailureLikeAnother) {
     Script("getTrustedDomains.status=5\n");
     ExpectFailure(Ctl({"trusts"}), 1, "Access is denied.");
+    ExpectFailure(Ctl({"trusts"}, {.asNobody = true}), 1, "Access is denied.");
+}
+
+/// What of a host denies an ordinary user the answer.
+class ClosedHostTest : public DirectoryTest, public testing::WithParamInterface<const char*> {
+protected:
+    ~ClosedHostTest() override { scripted::Shell("rm -rf /etc/krb5.keytab /var/lib/tessary"); }
+};
+
+TEST_P(ClosedHostTest, IsRootsBusiness) {
+    scripted::Shell(GetParam());
+    Script("getTrustedDomains.status=5\nconvertCanonicalUsername.status=5\n"
+           "getHostPrincipalForDomain.status=5\ngetAnyDomainController.status=5\n"
+           "getPreferredDomainControllers.status=5\n");
+    for (const Words& words : {Words{"trusts"}, Words{"user", "alice"}, Words{"dcs", "get"},
+                               Words{"principal", "corp.example"}, Words{"dc", "corp.example"}}) {
+        ExpectFailure(Ctl(words, {.asNobody = true}), 3, "hint: try again as root\n");
+        ExpectFailure(Ctl(words), 1, "hint: the host's own account lacks the right");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, ClosedHostTest,
+                         testing::Values("mkdir -m 0700 /var/lib/tessary",
+                                         "install -m 0600 /dev/null /etc/krb5.keytab"));
+
+TEST_F(DirectoryTest, ALineEndInANameStartsNoLine) {
+    Script("getTrustedDomains.items=lab\v.example:L\vAB\n"
+           "getAnyDomainController.text=dc1\vdc2\n"
+           "convertCanonicalUsername.text=LAB\\al\vice\n");
+    EXPECT_EQ(Ctl({"trusts"}).out, "lab .example  L AB\n");
+    EXPECT_EQ(Ctl({"dc", "lab.example"}).out, "dc1 dc2\n");
+    EXPECT_EQ(Ctl({"user", "alice"}).out, "LAB\\al ice\n");
 }
 
 } // namespace

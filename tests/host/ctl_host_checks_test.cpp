@@ -138,6 +138,10 @@ INSTANTIATE_TEST_SUITE_P(
               "failure: /etc/krb5.keytab belongs to user 1000, not to root -> "
               "chown root /etc/krb5.keytab\n",
               "chown root /etc/krb5.keytab"},
+        Fault{"SettingsAreALinkToNowhere", "ln -sf /nowhere " CONF "provider.conf", "provider.conf",
+              "failure: " CONF "provider.conf could not be looked at: No such file or directory -> "
+              "ls -l " CONF "provider.conf shows where it leads\n",
+              nullptr},
         Fault{"StateFolderOpen", "mkdir -m 0755 " STATE, "state folder",
               "failure: others than its owner may look into " STATE " (mode 0755) -> "
               "chmod 0700 " STATE "\n",
@@ -146,10 +150,11 @@ INSTANTIATE_TEST_SUITE_P(
               "mkdir -m 0700 " STATE " && echo nonsense > " STORE " && chmod 0600 " STORE,
               "configuration store",
               "failure: " STORE ": cannot open the configuration store: file is not a database -> "
-              "move it away and join again: mv " STORE " " STORE ".old\n",
+              "mv " STORE " " STORE ".old, then tesauthctl join DOMAIN -U USER\n",
               nullptr},
         Fault{"StoreIsAFolder", "mkdir -m 0700 " STATE " " STORE, "configuration store",
-              "failure: " STORE " is no regular file -> move it away: mv " STORE " " STORE ".old\n",
+              "failure: " STORE " is no regular file -> mv " STORE " " STORE
+              ".old, then tesauthctl join DOMAIN -U USER\n",
               nullptr},
         Fault{"StoreOpen", MAKE_STORE "chmod 0640 " STORE, "configuration store",
               "failure: others than its owner may look into " STORE " (mode 0640) -> "
@@ -176,6 +181,18 @@ TEST_F(HostChecksTest, WhatIsInOrderIsToldSo) {
     EXPECT_EQ(Findings("configuration store"), "ok: it opens, and corp.example is on record\n");
 }
 
+TEST_F(HostChecksTest, AKeytabIsYetToBeWhereALinkLeads) {
+    Shell("ln -s /nowhere /etc/krb5.keytab");
+    EXPECT_EQ(Findings("keytab's permissions"), "ok: there is no /etc/krb5.keytab\n");
+}
+
+TEST_F(HostChecksTest, ADamagedStoreIsMendedByBothCommands) {
+    Shell("mkdir -m 0700 " STATE " && echo nonsense > " STORE " && chmod 0600 " STORE);
+    Shell("mv " STORE " " STORE ".old");
+    Join("corp.example");
+    EXPECT_EQ(Findings("configuration store"), "ok: it opens, and corp.example is on record\n");
+}
+
 TEST_F(HostChecksTest, AStoreThatIsStillEmptyIsInOrder) {
     Shell("mkdir -m 0700 " STATE " && touch " STORE " && chmod 0600 " STORE);
     EXPECT_EQ(Findings("configuration store"), "ok: " STORE " is still empty\n");
@@ -191,7 +208,7 @@ TEST_F(HostChecksTest, NobodyIsToldWhatHeMayNotLookAt) {
     Join("corp.example");
     Shell("chmod 0600 " CONF "apxprovider.conf");
     Shell("echo x > /etc/krb5.keytab && chmod 0600 /etc/krb5.keytab");
-    const char* const asRoot = " -> run as root: sudo tesauthctl diagnose\n";
+    const char* const asRoot = " -> run as root: tesauthctl diagnose\n";
     EXPECT_EQ(Findings("apxprovider.conf", true),
               std::string("warning: this user may not read " CONF "apxprovider.conf") + asRoot);
     EXPECT_EQ(Findings("configuration store", true),

@@ -104,5 +104,30 @@ TEST_P(ListTest, AListThatMayNotBeReadIsAFailure) {
     ExpectFailure(Get(), 1, "Access is denied.\nhint: the host's own account lacks the right");
 }
 
+TEST_P(ListTest, ALineEndInANameStartsNoLine) {
+    ScriptGetter("items=one\vtwo,three\xc2\x85"
+                 "four");
+    EXPECT_EQ(Get().out, "one two\nthree?four\n");
+}
+
+TEST_P(ListTest, ANameThatStandsTwiceIsWrongUsage) {
+    const Result result = Set({"one", "two", "one"});
+    ExpectFailure(result, 2, "tesauthctl: 'one' is named twice\n");
+    EXPECT_EQ(Calls(GetParam().setter), "");
+}
+
+TEST_F(CtlTest, AControllersNameIsTheSameInCapitalsAServicesIsNot) {
+    ExpectFailure(Ctl({"dcs", "set", "dc1.example", "DC1.Example"}), 2,
+                  "tesauthctl: 'DC1.Example' is named twice\n");
+    EXPECT_EQ(Ctl({"smartcard", "set", "login", "LOGIN"}).status, 0);
+}
+
+TEST_F(CtlTest, WhoMayNotChangeAListIsToldWhichVerbItWas) {
+    ExpectFailure(Ctl({"dcs", "set", "dc1"}, {.asNobody = true}), 3,
+                  "tesauthctl: dcs set changes this host and needs root\n");
+    ExpectFailure(Ctl({"leave"}, {.asNobody = true}), 3,
+                  "tesauthctl: leave changes this host and needs root\n");
+}
+
 } // namespace
 } // namespace ctl_test

@@ -48,8 +48,9 @@ TEST_F(StoreTest, AnUnknownNameIsToldWithTheKnownOnes) {
                   "tesauthctl: The specified store 'active directory' is unknown\n"
                   "hint: the stores are \"Active Directory\", \"None\"\n");
     EXPECT_EQ(Json::parse(result.out)["error"],
-              Json::parse(R"({"text": "The specified store 'active directory' is unknown",
-                              "code": 0})"));
+              Json({{"text", "The specified store 'active directory' is unknown"},
+                    {"code", 0},
+                    {"hint", "the stores are \"Active Directory\", \"None\""}}));
     EXPECT_EQ(Ctl({"store", "show"}).out, "None\n");
 }
 

@@ -99,6 +99,13 @@ TEST_F(StatusTest, WhatIsLeftOnRecordOfALeftDomainIsNoMembership) {
     EXPECT_EQ(Ctl({"status"}).out, "store   None\ndomain  not joined\n");
 }
 
+TEST_F(StatusTest, ALineEndInANameStartsNoLine) {
+    Join("corp.example");
+    Script("getMachineAccountDN.text=CN=HOST1\vtrust state  good\n");
+    EXPECT_NE(Ctl({"status"}).out.find("  CN=HOST1 trust state  good\n"), std::string::npos);
+    EXPECT_EQ(Status()["machineAccount"], "CN=HOST1\ntrust state  good");
+}
+
 struct Hanging {
     const char* operation;
     Words notLive;

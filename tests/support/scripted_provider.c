@@ -8,7 +8,8 @@
 /// getTrustedDomains, getMachineAccountDN, getAnyDomainController, convertCanonicalUsername,
 /// joinDomainWithMachineAccount, getHostPrincipalForDomain, getDomainTrustRelationship,
 /// setSmartCardEnabledServices, getSmartCardEnabledServices; and of the maintenance table
-/// describeFailure, diagnose, rotateMachineKey). Numbers are decimal or 0x-hexadecimal.
+/// describeFailure, diagnose, rotateMachineKey). Numbers are decimal or 0x-hexadecimal. A
+/// vertical tab in a value of the file stands for a line end.
 ///
 ///   OPERATION.status=5                what it returns; a list such as 1326,1326,0 is for
 ///   successive

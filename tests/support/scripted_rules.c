@@ -254,6 +254,9 @@ void ReadScript(const char* path) {
     char line[2 * maximumText];
     while (fgets(line, sizeof line, file) != NULL) {
         line[strcspn(line, "\r\n")] = '\0';
+        for (char* end = line; (end = strchr(end, '\v')) != NULL; ++end) {
+            *end = '\n';
+        }
         char* value = strchr(line, '=');
         if (line[0] == '#' || line[0] == '\0') {
             continue;
