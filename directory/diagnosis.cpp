@@ -7,6 +7,7 @@
 #include "diagnosis_name_servers.h"
 #include "diagnosis_probe.h"
 #include "diagnosis_records.h"
+#include "diagnosis_text.h"
 #include "domain_state.h"
 #include "error.h"
 #include "names.h"
@@ -27,43 +28,66 @@ struct Subject {
     std::optional<DomainState> state;
     std::optional<Finding> noDomain; ///< why there is none
     std::optional<Finding> unknown;  ///< why it is not known whether the host is joined
+    bool unknownIsTold = false;      ///< in place of the domain
 };
 
-void LoadState(Subject& subject) {
+/// Whether it can be nothing but a NetBIOS name; a DNS name of one label has a final dot.
+bool IsShort(const std::string& domain) {
+    return domain.find('.') == std::string::npos;
+}
+
+/// \param domain as it was asked for
+void LoadState(Subject& subject, const std::string& domain) {
+    constexpr char check[] = "membership";
     try {
         subject.state = DomainState::Load();
+        if (!subject.state && DomainState::IsDamaged())
+            subject.unknown =
+                Finding{check, Severity::Failure, std::string(DomainState::Path()) + " is damaged",
+                        JoinCommand(IsShort(domain) ? "" : domain)};
     } catch (const Error& error) {
-        subject.unknown = Finding{"membership", Severity::Warning,
-                                  "whether the host is joined to a domain is not known: " +
-                                      std::string(error.what()),
-                                  "run as root: sudo tesauthctl diagnose"};
+        subject.unknown = Finding{
+            check, Severity::Warning,
+            "whether the host is joined to a domain is not known: " + std::string(error.what()),
+            "run as root: tesauthctl diagnose" + (domain.empty() ? "" : " " + ShellWord(domain))};
     }
 }
 
-Finding NoDomain(const Subject& subject) {
-    if (subject.unknown)
-        return *subject.unknown;
-    return {"domain", Severity::Failure,
-            "the host is not joined to a domain, and none was named to look at",
-            "tesauthctl diagnose DOMAIN"};
+void LeaveOutDomain(Subject& subject) {
+    subject.unknownIsTold = subject.unknown.has_value();
+    subject.noDomain = subject.unknown.value_or(
+        Finding{"domain", Severity::Failure,
+                "the host is not joined to a domain, and none was named to look at",
+                "tesauthctl diagnose DOMAIN"});
 }
 
-Subject Identify(const std::string& domain) {
-    Subject subject;
-    LoadState(subject);
-    if (domain.empty() || (subject.state && subject.state->IsNamed(domain))) {
-        if (subject.state)
-            subject.domain = subject.state->domain;
-        else
-            subject.noDomain = NoDomain(subject);
-        return subject;
+/// The name of a domain that the host is not joined to.
+void SetForeignDomain(Subject& subject, const std::string& domain) {
+    constexpr char check[] = "domain";
+    if (IsShort(domain) && IsPlainName(domain)) {
+        subject.noDomain = Finding{check, Severity::Failure,
+                                   domain + " is a short name, and not one of a domain that this "
+                                            "host is known to be joined to",
+                                   "write the domain by its DNS name, such as corp.example"};
+        return;
     }
     try {
         subject.domain = NormalizeDomainName(domain);
     } catch (const Error& error) {
-        subject.noDomain = Finding{"domain", Severity::Failure, error.what(),
+        subject.noDomain = Finding{check, Severity::Failure, error.what(),
                                    "name the domain as its name servers know it: corp.example"};
     }
+}
+
+Subject Identify(const std::string& domain) {
+    Subject subject;
+    LoadState(subject, domain);
+    if (subject.state && (domain.empty() || subject.state->IsNamed(domain)))
+        subject.domain = subject.state->domain;
+    else if (domain.empty())
+        LeaveOutDomain(subject);
+    else
+        SetForeignDomain(subject, domain);
     return subject;
 }
 
@@ -95,13 +119,13 @@ Findings RecordFindings(const Subject& subject, const DomainRecords& records) {
 Findings MembershipFindings(const Subject& subject,
                             const std::vector<ControllerReport>& controllers,
                             const Deadline& deadline) {
+    if (subject.unknown && !subject.unknownIsTold)
+        return {*subject.unknown};
     if (subject.noDomain)
         return {};
-    if (subject.unknown)
-        return {*subject.unknown};
     if (!subject.state)
         return {{"membership", Severity::Warning, "the host is not joined to a domain",
-                 "tesauthctl join " + subject.domain + " -U USER"}};
+                 JoinCommand(subject.domain)}};
     if (subject.state->domain != subject.domain)
         return {{"membership", Severity::Ok,
                  "the host is joined to " + subject.state->domain +
@@ -111,6 +135,22 @@ Findings MembershipFindings(const Subject& subject,
         if (const AddressReport* address = controller.Serving(subject.domain))
             return CheckMembership(*subject.state, address->address.Text(), deadline);
     return CheckMembership(*subject.state, "", deadline);
+}
+
+/// The domain that the host's name goes by: one that is there.
+std::string DomainOfHostName(const Subject& subject,
+                             const std::shared_future<DomainRecords>& records) {
+    if (subject.state)
+        return subject.state->domain;
+    return Await(records).found ? subject.domain : "";
+}
+
+std::vector<SocketAddress> AddressesOf(const std::vector<NamedController>& controllers) {
+    std::vector<SocketAddress> addresses;
+    for (const NamedController& controller : controllers)
+        addresses.insert(addresses.end(), controller.lookup.addresses.begin(),
+                         controller.lookup.addresses.end());
+    return addresses;
 }
 
 /// \param findings makes them; an Error is a finding as well
@@ -137,10 +177,11 @@ void Diagnose(const std::string& domain, const std::function<void(const Finding&
 
     // Each is destroyed before what it uses, and only when it has come to its end.
     const auto nameServers = Start([&] { return CheckNameServers(subject.domain); });
-    const auto hostName = Start([&] {
-        return CheckHostName(subject.state ? subject.state->domain : subject.domain, subject.state);
-    });
     const auto records = Start([&] { return ReadDomainRecords(subject.domain); });
+    const auto hostName = Start([&] {
+        return CheckHostName(DomainOfHostName(subject, records), subject.state,
+                             [&] { return AddressesOf(Await(records).controllers); });
+    });
     const auto controllers = Start([&] { return ProbeControllers(Await(records).controllers); });
     const auto membership =
         Start([&] { return MembershipFindings(subject, Await(controllers), deadline); });

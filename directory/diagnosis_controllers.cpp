@@ -57,9 +57,37 @@ bool AnyPortFails(const AddressReport& report) {
                        [](const PortReport& port) { return port.failure.has_value(); });
 }
 
+/// How this host comes to ask a controller no more, by where it has the name from.
+std::string Removal(const ControllerReport& controller, const std::string& domain) {
+    const std::string fromRecords =
+        "take " + controller.host + " out of the service records of " + domain;
+    const std::string fromPreferred =
+        "take " + controller.host +
+        " out of the preferred controllers: tesauthctl dcs get shows them, tesauthctl dcs set "
+        "takes the ones to keep";
+    if (!controller.origin.preferred)
+        return fromRecords;
+    return controller.origin.record ? fromRecords + ", and " + fromPreferred : fromPreferred;
+}
+
+Finding WithoutAddress(const ControllerReport& controller, const std::string& domain) {
+    const std::string check = "controller " + controller.host;
+    if (controller.lookupFailure)
+        return {check, Severity::Failure,
+                std::string("its address could not be looked up: ") +
+                    controller.lookupFailure->what(),
+                "mend what is said of the name servers"};
+    const std::string giveOne =
+        "give " + controller.host + " an address on the domain's name server, or ";
+    return {check, Severity::Failure,
+            "has no address: neither /etc/hosts nor a name server knows one",
+            (controller.origin.record ? giveOne : "") + Removal(controller, domain)};
+}
+
 /// What mends an address; empty when nothing is wrong with it.
-std::string AddressRemedy(const std::string& host, const AddressReport& report,
+std::string AddressRemedy(const ControllerReport& controller, const AddressReport& report,
                           const std::string& domain) {
+    const std::string& host = controller.host;
     const std::string address = report.address.Text();
     if (report.NoRoute())
         return "give this host a way to " + address + "; this says what it has: ip route get " +
@@ -69,16 +97,13 @@ std::string AddressRemedy(const std::string& host, const AddressReport& report,
                " pass, port " + ports;
     if (const std::string ports = PortsThat(report, Status::ConnectionRefused); !ports.empty())
         return "start the domain controller's services on " + host +
-               ": nothing takes connections "
-               "on port " +
-               ports;
+               ": nothing takes connections on port " + ports;
     if (AnyPortFails(report))
         return "see that " + host + " runs, and look at the way to it: ip route get " + address;
     if (report.root.failure)
         return "start the domain controller's services on " + host + " anew";
     if (!EqualNames(report.root.domain, domain))
-        return "take " + host + " out of the service records of " + domain +
-               " and out of this host's preferred controllers";
+        return Removal(controller, domain);
     return "";
 }
 
@@ -89,21 +114,17 @@ bool Matters(const AddressReport& address, const ControllerReport& controller) {
                        [](const AddressReport& each) { return each.NoRoute(); });
 }
 
-Finding ControllerFinding(const ControllerReport& controller, const std::string& domain,
-                          bool anyServes) {
+Finding ControllerFinding(const ControllerReport& controller, const std::string& domain) {
+    if (controller.addresses.empty())
+        return WithoutAddress(controller, domain);
     Finding finding{"controller " + controller.host, Severity::Ok, "", ""};
-    if (controller.addresses.empty()) {
-        finding.text = "has no address: neither /etc/hosts nor a name server knows one";
-        finding.remedy = "give " + controller.host +
-                         " an address on the domain's name server, or take its service record out";
-    }
     for (const AddressReport& address : controller.addresses) {
         finding.text += (finding.text.empty() ? "" : "; ") + AddressText(address, domain);
         if (finding.remedy.empty() && Matters(address, controller))
-            finding.remedy = AddressRemedy(controller.host, address, domain);
+            finding.remedy = AddressRemedy(controller, address, domain);
     }
     if (!finding.remedy.empty())
-        finding.severity = anyServes ? Severity::Warning : Severity::Failure;
+        finding.severity = Severity::Failure;
     return finding;
 }
 
@@ -173,8 +194,11 @@ Findings ControllerFindings(const std::vector<ControllerReport>& controllers,
         controllers.begin(), controllers.end(),
         [&](const ControllerReport& controller) { return controller.Serving(domain) != nullptr; });
     Findings findings;
-    for (const ControllerReport& controller : controllers)
-        findings.push_back(ControllerFinding(controller, domain, anyServes));
+    for (const ControllerReport& controller : controllers) {
+        findings.push_back(ControllerFinding(controller, domain));
+        if (anyServes && findings.back().severity == Severity::Failure)
+            findings.back().severity = Severity::Warning;
+    }
     return findings;
 }
 

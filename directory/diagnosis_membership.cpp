@@ -3,18 +3,17 @@
 #include "diagnosis_controllers.h"
 #include "diagnosis_text.h"
 #include "error.h"
-#include "kerberos_owner.h"
 #include "kerberos_profile.h"
 #include "keytab.h"
 #include "locator.h"
 #include "machine_login.h"
 #include "session.h"
 
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <map>
-#include <memory>
 #include <optional>
 
 namespace tessary::directory {
@@ -23,16 +22,9 @@ namespace {
 constexpr char keytabCheck[] = "keytab";
 constexpr char trustCheck[] = "trust";
 
-struct ContextDeleter {
-    void operator()(krb5_context context) const { krb5_free_context(context); }
-};
-
-std::string JoinCommand(const DomainState& state) {
-    return "tesauthctl join " + state.domain + " -U USER";
-}
-
 /// What is in the keytab.
 struct KeytabContent {
+    bool isThere = true;
     std::map<std::string, int> newest; ///< version by principal
     std::optional<Error> failure;      ///< why it could not be read
 
@@ -47,9 +39,9 @@ struct KeytabContent {
 
 KeytabContent ReadKeytab(const DomainState& state) {
     KeytabContent content;
+    content.isThere = access(hostKeytab, F_OK) == 0 || errno != ENOENT;
     try {
-        const std::unique_ptr<std::remove_pointer_t<krb5_context>, ContextDeleter> context(
-            MakeKerberosContext(state.realm));
+        const KerberosContext context(MakeKerberosContext(state.realm));
         for (const KeytabKey& key : ReadHostKeys(context.get(), state.KeytabPrincipals())) {
             int& newest = content.newest[key.name.principal];
             newest = std::max(newest, key.name.version);
@@ -97,25 +89,6 @@ Login LogInAt(const std::string& where, const DomainState& state, const Deadline
     return login;
 }
 
-/// Mode and owner, where they are not in order.
-std::optional<Finding> CheckMode(const DomainState& state) {
-    struct stat information {};
-    if (stat(hostKeytab, &information) != 0)
-        return Finding{keytabCheck, Severity::Failure,
-                       std::string(hostKeytab) + " is not there; it holds the host's key",
-                       JoinCommand(state)};
-    const unsigned mode = information.st_mode & 07777;
-    if (information.st_uid == 0 && (mode & 077) == 0)
-        return std::nullopt;
-    char text[8];
-    std::snprintf(text, sizeof text, "%04o", mode);
-    return Finding{keytabCheck, Severity::Failure,
-                   std::string(hostKeytab) + " has mode " + text + " and owner " +
-                       std::to_string(information.st_uid) +
-                       ": who else can read it can pretend to be this host",
-                   std::string("chown root:root ") + hostKeytab + " && chmod 0600 " + hostKeytab};
-}
-
 /// The principals that have no key of this version or, without a version, none at all.
 std::vector<std::string> Lacking(const DomainState& state, const KeytabContent& content,
                                  std::optional<int> version) {
@@ -124,10 +97,6 @@ std::vector<std::string> Lacking(const DomainState& state, const KeytabContent& 
         if (!content.Has(principal) || (version && content.newest.at(principal) < *version))
             lacking.push_back(principal);
     return lacking;
-}
-
-std::string KeyOf(const DomainState& state, int version) {
-    return state.account + " has version " + std::to_string(version);
 }
 
 bool IsRejected(const Login& login) {
@@ -144,42 +113,76 @@ bool HasUntriedKey(const DomainState& state, const KeytabContent& content) {
     return own != content.newest.end() && content.Newest() > own->second;
 }
 
+/// What makes a login needless: there is no key to log in with.
+std::optional<Finding> FindNoKey(const DomainState& state, const KeytabContent& content) {
+    const std::string file = hostKeytab;
+    const auto failure = [&](const std::string& text, const std::string& remedy) {
+        return Finding{keytabCheck, Severity::Failure, text, remedy};
+    };
+    if (content.failure && content.failure->Code() == Status::AccessDenied)
+        return Finding{keytabCheck, Severity::Warning, file + " cannot be read by this user",
+                       "run as root: tesauthctl diagnose " + ShellWord(state.domain)};
+    if (content.failure)
+        return failure(content.failure->what(),
+                       "mv " + file + " " + file + ".damaged && " + JoinCommand(state.domain));
+    if (!content.isThere)
+        return failure(file + " is not there; it holds the host's key", JoinCommand(state.domain));
+    if (!content.Has(state.AccountPrincipal()))
+        return failure(file + " has no key of " + state.account + ", which the host logs in with",
+                       JoinCommand(state.domain));
+    return std::nullopt;
+}
+
+std::string KeysText(const DomainState& state, const KeytabContent& content) {
+    return "newest key of version " + std::to_string(content.newest.at(state.AccountPrincipal())) +
+           " for " + Counted(state.KeytabPrincipals().size(), "name");
+}
+
+/// \param version of the key that the account has
+Finding CompareKeys(const DomainState& state, const KeytabContent& content, int version) {
+    const std::string account =
+        state.account + " has version " + std::to_string(version) + " in " + state.domain;
+    const std::vector<std::string> old = Lacking(state, content, version);
+    if (!old.empty())
+        return {keytabCheck, Severity::Failure,
+                "the keytab has only old keys for " + Listed(old) + ": " + account,
+                JoinCommand(state.domain)};
+    if (content.newest.at(state.AccountPrincipal()) > version)
+        return {keytabCheck, Severity::Warning,
+                "the controller does not know the newest key yet: " + KeysText(state, content) +
+                    ", but " + account,
+                "wait until the controllers have told one another, then look again; if it stays, "
+                "join again: " +
+                    JoinCommand(state.domain)};
+    return {keytabCheck, Severity::Ok, KeysText(state, content) + ": " + account, ""};
+}
+
+Finding UntriedKeyFinding(const DomainState& state, const KeytabContent& content) {
+    return {keytabCheck, Severity::Warning,
+            "a change of keys was not finished: version " + std::to_string(content.Newest()) +
+                " waits beside version " +
+                std::to_string(content.newest.at(state.AccountPrincipal())),
+            finishChange};
+}
+
 Finding CheckKeys(const DomainState& state, const KeytabContent& content, const Login& login) {
     const auto failure = [&](const std::string& text) {
-        return Finding{keytabCheck, Severity::Failure, text, JoinCommand(state)};
+        return Finding{keytabCheck, Severity::Failure, text, JoinCommand(state.domain)};
     };
-    const std::string file = hostKeytab;
     const std::vector<std::string> missing = Lacking(state, content, std::nullopt);
     if (!missing.empty())
-        return failure(file + " has no key for " + Listed(missing));
-    const int own = content.newest.at(state.AccountPrincipal());
-    const std::string keys = "newest key of version " + std::to_string(own);
-    if (login.version) {
-        const std::vector<std::string> old = Lacking(state, content, login.version);
-        if (!old.empty())
-            return failure("the keytab has only old keys for " + Listed(old) + ": " +
-                           KeyOf(state, *login.version) + " in " + state.domain);
-        if (own != *login.version)
-            return failure(keys + ", but " + KeyOf(state, *login.version) + " in " + state.domain);
+        return failure(std::string(hostKeytab) + " has no key for " + Listed(missing));
+    if (login.version)
+        return CompareKeys(state, content, *login.version);
+    if (!IsRejected(login))
         return {keytabCheck, Severity::Ok,
-                keys + " for " + Counted(state.KeytabPrincipals().size(), "name") + ", as " +
-                    state.account + " has in " + state.domain,
+                KeysText(state, content) + "; not compared with " + state.domain +
+                    ", which did not tell",
                 ""};
-    }
-    if (IsRejected(login)) {
-        if (HasUntriedKey(state, content))
-            return {keytabCheck, Severity::Warning,
-                    "a change of keys was not finished: version " +
-                        std::to_string(content.Newest()) + " waits beside version " +
-                        std::to_string(own),
-                    finishChange};
-        return failure(keys + ", which is not the one that " + state.account + " has in " +
-                       state.domain);
-    }
-    return {keytabCheck, Severity::Ok,
-            keys + " for " + Counted(state.KeytabPrincipals().size(), "name") +
-                "; not compared with " + state.domain + ", which did not tell",
-            ""};
+    if (HasUntriedKey(state, content))
+        return UntriedKeyFinding(state, content);
+    return failure(KeysText(state, content) + ", which is not the one that " + state.account +
+                   " has in " + state.domain);
 }
 
 /// What a refused login means, and what mends it.
@@ -191,14 +194,15 @@ Finding TrustFinding(const DomainState& state, const Error& error) {
     switch (error.Code()) {
     case Status::MachineKeyRejected:
         return failure(state.domain + " does not take this host's key: " + cause,
-                       JoinCommand(state));
+                       JoinCommand(state.domain));
     case Status::NoMachineAccount:
         return failure(state.domain + " has no account " + state.account + " any more",
-                       JoinCommand(state));
+                       JoinCommand(state.domain));
     case Status::AccountDisabled:
     case Status::PasswordExpired:
         return failure(state.domain + " does not let " + state.account + " log in: " + cause,
-                       "have " + state.account + " enabled, or join again: " + JoinCommand(state));
+                       "have " + state.account +
+                           " enabled, or join again: " + JoinCommand(state.domain));
     case Status::ClockSkew:
         return failure("this host's clock is too far from the controller's: " + cause,
                        SetClockCommand());
@@ -210,7 +214,7 @@ Finding TrustFinding(const DomainState& state, const Error& error) {
                        "mend what is said of the name servers and the controllers");
     default:
         return failure("the login with this host's key failed: " + cause,
-                       "if that does not help, join again: " + JoinCommand(state));
+                       "if that does not help, join again: " + JoinCommand(state.domain));
     }
 }
 
@@ -235,29 +239,15 @@ Finding CheckTrust(const DomainState& state, const KeytabContent& content, const
 Findings CheckMembership(const DomainState& state, const std::string& controller,
                          const Deadline& deadline) {
     const KeytabContent content = ReadKeytab(state);
-    const std::optional<Finding> mode = CheckMode(state);
-    if (content.failure && content.failure->Code() == Status::AccessDenied) {
-        const std::string text = std::string(hostKeytab) + " cannot be read by this user";
-        const std::string remedy = "run as root: sudo tesauthctl diagnose";
-        return {mode.value_or(Finding{keytabCheck, Severity::Warning, text, remedy}),
-                {trustCheck, Severity::Warning, text, remedy}};
-    }
+    if (const std::optional<Finding> noKey = FindNoKey(state, content))
+        return {*noKey,
+                {trustCheck, noKey->severity, "was not tried: " + noKey->text, noKey->remedy}};
     Login login;
     if (controller.empty())
         login.failure = Error(Status::NoController, "none is known that works");
     else
         login = LogInAt(controller, state, deadline);
-    Findings findings;
-    if (mode)
-        findings.push_back(*mode);
-    else if (content.failure)
-        findings.push_back({keytabCheck, Severity::Failure, content.failure->what(),
-                            std::string("mv ") + hostKeytab + " " + hostKeytab + ".damaged && " +
-                                JoinCommand(state)});
-    else
-        findings.push_back(CheckKeys(state, content, login));
-    findings.push_back(CheckTrust(state, content, login));
-    return findings;
+    return {CheckKeys(state, content, login), CheckTrust(state, content, login)};
 }
 
 } // namespace tessary::directory

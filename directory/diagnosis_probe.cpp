@@ -183,7 +183,9 @@ std::vector<ControllerReport> ProbeControllers(const std::vector<NamedController
     for (const NamedController& controller : controllers) {
         ControllerReport& report = reports.emplace_back();
         report.host = controller.host;
-        for (const SocketAddress& address : controller.addresses)
+        report.origin = controller.origin;
+        report.lookupFailure = controller.lookup.failure;
+        for (const SocketAddress& address : controller.lookup.addresses)
             report.addresses.push_back({address, {}, {}});
     }
     // The reports don't move any more.

@@ -64,6 +64,8 @@ struct AddressReport {
 struct ControllerReport {
     std::string host;
     std::vector<AddressReport> addresses;
+    Origin origin{};
+    std::optional<Error> lookupFailure{}; ///< why it is not known whether there are addresses
 
     /// The first address that serves the domain, or null.
     const AddressReport* Serving(const std::string& domain) const;

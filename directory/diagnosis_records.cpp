@@ -3,7 +3,6 @@
 #include "diagnosis_text.h"
 #include "error.h"
 #include "preferred_controllers.h"
-#include "resolver.h"
 #include "text.h"
 
 #include <algorithm>
@@ -18,19 +17,19 @@ constexpr std::size_t mostControllers = 50; // each takes three sockets an addre
 struct Service {
     const char* record;
     Severity missing; ///< what it means that there is none
-    const char* user; ///< who needs it
+    const char* user; ///< who needs it, with the verb
 };
 
-constexpr Service controllerService{"_ldap._tcp.dc._msdcs.", Severity::Failure, "a host"};
+constexpr Service controllerService{"_ldap._tcp.dc._msdcs.", Severity::Failure, "a host finds"};
 // This client asks the controllers for tickets; other programs look the ticket service up.
-constexpr Service ticketService{"_kerberos._tcp.", Severity::Warning, "kinit and the like"};
+constexpr Service ticketService{"_kerberos._tcp.", Severity::Warning, "kinit and the like find"};
 
 Finding Missing(const Service& service, const std::string& domain, const Error& error) {
     const std::string record = service.record + domain;
     const std::string check = "service record " + record;
     if (error.Code() == Status::NoSuchDomain)
         return {check, service.missing,
-                "does not exist: by it, " + std::string(service.user) + " finds the controllers",
+                "does not exist: by it, " + std::string(service.user) + " the controllers",
                 "check the spelling of " + domain +
                     ", and that the name servers in /etc/resolv.conf are the domain's own"};
     return {check, service.missing, std::string("cannot be looked up: ") + error.what(),
@@ -54,12 +53,18 @@ std::vector<std::string> LookUp(Resolver& resolver, const Service& service,
     return hosts;
 }
 
-void AddPreferred(std::vector<std::string>& hosts) {
+void AddPreferred(std::vector<NamedController>& controllers) {
     try {
-        for (const std::string& preferred : PreferredControllers())
-            if (std::none_of(hosts.begin(), hosts.end(),
-                             [&](const std::string& host) { return EqualNames(host, preferred); }))
-                hosts.push_back(preferred);
+        for (const std::string& preferred : PreferredControllers()) {
+            const auto same =
+                std::find_if(controllers.begin(), controllers.end(), [&](const auto& controller) {
+                    return EqualNames(controller.host, preferred);
+                });
+            if (same == controllers.end())
+                controllers.push_back({preferred, {}, {false, true}});
+            else
+                same->origin.preferred = true;
+        }
     } catch (const Error&) {
         // Only root may see the list; the service records are there for everybody.
     }
@@ -73,15 +78,18 @@ DomainRecords ReadDomainRecords(const std::string& domain) {
         return result;
     Resolver resolver(Deadline::In(lookupTime));
     std::vector<std::string> hosts = LookUp(resolver, controllerService, domain, result.findings);
+    result.found = !hosts.empty();
     LookUp(resolver, ticketService, domain, result.findings);
     if (hosts.size() > mostControllers) {
         hosts.resize(mostControllers);
         result.findings.front().text +=
             "; the first " + std::to_string(mostControllers) + " are looked at";
     }
-    AddPreferred(hosts);
-    for (const std::string& host : hosts)
-        result.controllers.push_back({host, resolver.Addresses(host)});
+    for (std::string& host : hosts)
+        result.controllers.push_back({std::move(host), {}, {}});
+    AddPreferred(result.controllers);
+    for (NamedController& controller : result.controllers)
+        controller.lookup = resolver.LookUp(controller.host);
     return result;
 }
 

@@ -1,5 +1,7 @@
 #include "diagnosis_text.h"
 
+#include "text.h"
+
 #include <algorithm>
 
 namespace tessary::directory {
@@ -20,6 +22,26 @@ std::string Listed(const std::vector<std::string>& items) {
     for (const std::string& item : items)
         text += (text.empty() ? "" : ", ") + item;
     return text;
+}
+
+bool IsPlainName(std::string_view name) {
+    return !name.empty() && name.front() != '-' && name.front() != '.' &&
+           std::all_of(name.begin(), name.end(), [](char c) {
+               return IsLetterOrDigit(c) || c == '-' || c == '.' || c == '_';
+           });
+}
+
+std::string ShellWord(std::string_view text) {
+    if (IsPlainName(text))
+        return std::string(text);
+    std::string word = "'";
+    for (const char c : text)
+        word += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return word + "'";
+}
+
+std::string JoinCommand(const std::string& domain) {
+    return "tesauthctl join " + (domain.empty() ? "DOMAIN" : ShellWord(domain)) + " -U USER";
 }
 
 } // namespace tessary::directory

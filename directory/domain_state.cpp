@@ -56,10 +56,14 @@ std::optional<DomainState> DomainState::Load() {
             if (equals != std::string::npos && line.compare(0, equals, field.key) == 0)
                 state.*field.member = line.substr(equals + 1);
     }
-    // A file that is damaged says nothing about any membership; a join writes it anew.
+    // Damaged: a join writes the file anew.
     if (state.domain.empty() || state.realm.empty() || state.account.empty())
         return std::nullopt;
     return state;
+}
+
+bool DomainState::IsDamaged() {
+    return ReadFile(Path()) && !Load();
 }
 
 void DomainState::Prepare(Replacement& file) const {

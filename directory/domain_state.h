@@ -30,8 +30,11 @@ struct DomainState {
     /// Whether a text is one of the domain's two names.
     bool IsNamed(const std::string& name) const;
 
-    /// \return the state, or nothing when the host is not joined
+    /// \return the state, or nothing when the host is not joined; a damaged file says nothing about
+    ///         any membership
     static std::optional<DomainState> Load();
+    /// Whether there is a file and Load() can make nothing of it.
+    static bool IsDamaged();
     /// Makes the file's new version; the host counts as joined once it is committed.
     void Prepare(Replacement& file) const;
     static void Remove();

@@ -1,6 +1,5 @@
 #include "resolver.h"
 
-#include "error.h"
 #include "operation.h"
 #include "text.h"
 
@@ -100,27 +99,37 @@ bool Resolver::Query(const std::string& name, int type) {
     return length >= 0;
 }
 
+bool Resolver::IsTold() const {
+    return queryError_ == 0 || queryError_ == HOST_NOT_FOUND || queryError_ == NO_DATA;
+}
+
 void Resolver::AddAddress(const std::string& host, int type, const unsigned char* data,
                           unsigned length) {
+    std::optional<SocketAddress> address;
     if (type == ns_t_a && length == sizeof(in_addr)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        std::memcpy(&address.sin_addr, data, length);
-        known_[LowerCase(host)].emplace_back(reinterpret_cast<sockaddr*>(&address), sizeof address,
-                                             0);
+        sockaddr_in ipv4{};
+        ipv4.sin_family = AF_INET;
+        std::memcpy(&ipv4.sin_addr, data, length);
+        address.emplace(reinterpret_cast<sockaddr*>(&ipv4), sizeof ipv4, 0);
     } else if (type == ns_t_aaaa && length == sizeof(in6_addr)) {
-        sockaddr_in6 address{};
-        address.sin6_family = AF_INET6;
-        std::memcpy(&address.sin6_addr, data, length);
-        known_[LowerCase(host)].emplace_back(reinterpret_cast<sockaddr*>(&address), sizeof address,
-                                             0);
+        sockaddr_in6 ipv6{};
+        ipv6.sin6_family = AF_INET6;
+        std::memcpy(&ipv6.sin6_addr, data, length);
+        address.emplace(reinterpret_cast<sockaddr*>(&ipv6), sizeof ipv6, 0);
+    } else {
+        return;
     }
+    // The answers about several services tell of the same hosts.
+    std::vector<SocketAddress>& known = known_[LowerCase(host)].addresses;
+    if (std::none_of(known.begin(), known.end(),
+                     [&](const SocketAddress& each) { return each.Text() == address->Text(); }))
+        known.push_back(*address);
 }
 
 std::vector<ServiceRecord> Resolver::ServiceRecords(const std::string& name) {
     ns_msg message;
     if (!Query(name, ns_t_srv)) {
-        if (queryError_ == HOST_NOT_FOUND || queryError_ == NO_DATA)
+        if (IsTold())
             throw Error(Status::NoSuchDomain, "no service record " + name);
         throw Error(Status::NoController, (silent_ ? "no name server answers the question for "
                                                    : "no name server can tell ") +
@@ -180,10 +189,11 @@ void Resolver::QueryAddresses(const std::string& host, int type) {
     });
 }
 
-std::vector<SocketAddress> Resolver::Addresses(const std::string& host) {
-    const auto known = known_.find(LowerCase(host));
-    if (known != known_.end())
-        return known->second;
+const HostAddresses& Resolver::LookUp(const std::string& host) {
+    const auto [place, isNew] = known_.try_emplace(LowerCase(host));
+    HostAddresses& result = place->second;
+    if (!isNew)
+        return result;
 
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
@@ -195,16 +205,21 @@ std::vector<SocketAddress> Resolver::Addresses(const std::string& host) {
             found = nullptr;
     }
     const std::unique_ptr<addrinfo, AddressListDeleter> list(found);
-    std::vector<SocketAddress> addresses;
     for (const addrinfo* entry = list.get(); entry; entry = entry->ai_next)
         if (entry->ai_family == AF_INET || entry->ai_family == AF_INET6)
-            addresses.emplace_back(entry->ai_addr, entry->ai_addrlen, 0);
-    if (!addresses.empty())
-        return addresses;
+            result.addresses.emplace_back(entry->ai_addr, entry->ai_addrlen, 0);
+    if (!result.addresses.empty())
+        return result;
 
-    QueryAddresses(host, ns_t_a);
-    QueryAddresses(host, ns_t_aaaa);
-    return known_[LowerCase(host)];
+    bool told = true;
+    for (const int type : {ns_t_a, ns_t_aaaa}) {
+        QueryAddresses(host, type);
+        told = told && IsTold();
+    }
+    if (result.addresses.empty() && !told)
+        result.failure = Error(Status::NoController,
+                               silent_ ? "no name server answers" : "no name server can tell");
+    return result;
 }
 
 } // namespace tessary::directory

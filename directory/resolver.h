@@ -2,11 +2,13 @@
 #ifndef TESSARY_DIRECTORY_RESOLVER_H
 #define TESSARY_DIRECTORY_RESOLVER_H
 
+#include "error.h"
 #include "socket.h"
 
 #include <resolv.h>
 
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,6 +39,12 @@ struct ServiceRecord {
     std::string host;
 };
 
+/// What became of the look-up of a host.
+struct HostAddresses {
+    std::vector<SocketAddress> addresses; ///< port 0; empty when there is none, or none was told
+    std::optional<Error> failure;         ///< why no name server told whether there is one
+};
+
 /// Asks the name servers of the host's current resolver configuration. Gives up after 6 to 10
 /// seconds, by how many servers there are, when none answers, and asks them nothing more then. Use
 /// by one thread at a time.
@@ -60,18 +68,22 @@ public:
     /// The addresses of a host: one written as an address, one from the hosts file, one that came
     /// with ServiceHosts(), or one from a name server. Port 0.
     /// \return empty when the name does not resolve
-    std::vector<SocketAddress> Addresses(const std::string& host);
+    std::vector<SocketAddress> Addresses(const std::string& host) { return LookUp(host).addresses; }
+    /// The same, and tells a name that does not resolve from one that could not be looked up.
+    const HostAddresses& LookUp(const std::string& host);
 
 private:
     bool Query(const std::string& name, int type);
     void AddAddress(const std::string& host, int type, const unsigned char* data, unsigned length);
     void QueryAddresses(const std::string& host, int type);
+    /// Whether the last question was answered, be it that there is no such record.
+    bool IsTold() const;
 
     struct __res_state state_ {};
     std::vector<unsigned char> answer_;
     int queryError_ = 0;
     bool silent_ = false; // the name servers let a question pass without an answer
-    std::map<std::string, std::vector<SocketAddress>> known_; // by host name in lower case
+    std::map<std::string, HostAddresses> known_; // by host name in lower case
 };
 
 } // namespace tessary::directory

@@ -1,24 +1,57 @@
-// What a diagnosis makes of controllers that no test lab has at hand.
+// What a diagnosis makes of controllers, name servers and networks that no test lab has at hand.
 
+#include "directory/diagnosis_address.h"
 #include "directory/diagnosis_controllers.h"
+#include "directory/diagnosis_name_servers.h"
+#include "directory/diagnosis_text.h"
 
 #include <arpa/inet.h>
+#include <poll.h>
 
 #include <gmock/gmock.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+
+namespace {
+std::function<void()> beforePoll;
+}
+
+/// The C library's, with something to do first.
+extern "C" int poll(pollfd* descriptors, nfds_t count, int milliseconds) {
+    if (beforePoll)
+        beforePoll();
+    const timespec time{milliseconds / 1000, milliseconds % 1000 * 1'000'000L};
+    return ppoll(descriptors, count, milliseconds < 0 ? nullptr : &time, nullptr);
+}
 
 namespace tessary::directory {
 namespace {
 
 using namespace std::chrono_literals;
+using testing::AllOf;
 using testing::HasSubstr;
+using testing::Not;
 
 constexpr char domain[] = "corp.example";
 
+SocketAddress Ipv4(const char* text, std::uint16_t port = 0) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    inet_pton(AF_INET, text, &address.sin_addr);
+    return {reinterpret_cast<sockaddr*>(&address), sizeof address, port};
+}
+
+SocketAddress Ipv6(const char* text) {
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    inet_pton(AF_INET6, text, &address.sin6_addr);
+    return {reinterpret_cast<sockaddr*>(&address), sizeof address, 0};
+}
+
 AddressReport Working(const char* address) {
-    sockaddr_in ipv4{};
-    ipv4.sin_family = AF_INET;
-    inet_pton(AF_INET, address, &ipv4.sin_addr);
-    AddressReport report{SocketAddress(reinterpret_cast<sockaddr*>(&ipv4), sizeof ipv4, 0), {}, {}};
+    AddressReport report{Ipv4(address), {}, {}};
     for (PortReport& port : report.ports)
         port.latency = Latency(340);
     report.root.domain = "CORP.example";
@@ -99,6 +132,38 @@ TEST(ControllerFindings, AddressWithoutARouteMattersOnlyWhereThereIsNoOther) {
     EXPECT_THAT(only.remedy, HasSubstr("ip route get 10.9.9.9"));
 }
 
+TEST(ControllerFindings, WithoutAddressTheRemedyGoesByWhereTheNameIsFrom) {
+    const std::string records = "take dc1 out of the service records of corp.example";
+    const struct {
+        Origin origin;
+        bool recorded, listed;
+    } cases[] = {
+        {{true, false}, true, false}, {{true, true}, true, true}, {{false, true}, false, true}};
+    for (const auto& each : cases) {
+        const Finding finding = FindingOn({"dc1", {}, each.origin});
+        EXPECT_EQ(finding.text, "has no address: neither /etc/hosts nor a name server knows one");
+        for (const char* step :
+             {"give dc1 an address", "out of the service records of corp.example"})
+            EXPECT_EQ(finding.remedy.find(step) != std::string::npos, each.recorded)
+                << finding.remedy;
+        EXPECT_EQ(finding.remedy.find("tesauthctl dcs set") != std::string::npos, each.listed)
+            << finding.remedy;
+    }
+    ControllerReport stranger = Working("dc1", "10.1.2.3");
+    stranger.addresses[0].root.domain = "other.example";
+    stranger.origin = {false, true};
+    EXPECT_THAT(FindingOn(stranger).remedy,
+                AllOf(HasSubstr("tesauthctl dcs set"), Not(HasSubstr("service records"))));
+}
+
+TEST(ControllerFindings, AddressThatNobodyToldIsNotMissing) {
+    const Finding finding =
+        FindingOn({"dc1", {}, {}, Error(Status::NoController, "no name server answers")});
+    EXPECT_EQ(finding.severity, Severity::Failure);
+    EXPECT_EQ(finding.text, "its address could not be looked up: no name server answers");
+    EXPECT_EQ(finding.remedy, "mend what is said of the name servers");
+}
+
 ControllerReport WithClock(const std::string& host, std::chrono::milliseconds ahead) {
     ControllerReport controller = Working(host, "10.1.2.3");
     controller.addresses[0].root.clock = ClockReading{ahead, 501ms};
@@ -136,6 +201,112 @@ TEST(ClockFindings, ControllersThatDoNotWorkAreNotAsked) {
     ControllerReport controller = WithClock("dc1", 600s);
     controller.addresses[0].ports[0].failure = silent;
     EXPECT_TRUE(ClockFindings({controller}, domain).empty());
+}
+
+TEST(ShellWord, NothingFromElsewhereIsRunByAShell) {
+    for (const char* plain : {"dc1.corp.example", "_sites.x", "10.1.2.3", "A-b"})
+        EXPECT_EQ(ShellWord(plain), plain);
+    for (const std::string odd :
+         {"", "-U", ".x", "a b", "a;reboot", "$(reboot)", "`reboot`", "it's", "'", "''x", "a\nb"}) {
+        const std::string word = ShellWord(odd);
+        EXPECT_FALSE(IsPlainName(odd)) << odd;
+        EXPECT_NE(word, odd);
+        // Let the shell itself tell what the word means.
+        ASSERT_EQ(setenv("ODD", odd.c_str(), 1), 0);
+        EXPECT_EQ(std::system(("set -- " + word + "\n[ $# = 1 ] && [ \"$1\" = \"$ODD\" ]").c_str()),
+                  0)
+            << word;
+    }
+    EXPECT_EQ(JoinCommand(""), "tesauthctl join DOMAIN -U USER");
+    EXPECT_EQ(JoinCommand("corp.example"), "tesauthctl join corp.example -U USER");
+    EXPECT_EQ(JoinCommand("a;b"), "tesauthctl join 'a;b' -U USER");
+}
+
+/// A name server that sends without end, and never what it is asked for: whoever polls finds that
+/// something has come.
+class FloodingNameServer {
+public:
+    FloodingNameServer() : socket_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        const SocketAddress address = Ipv4("127.0.0.1", 53);
+        bound_ = bind(socket_.Get(), address.Get(), address.Length()) == 0;
+        beforePoll = [this] { Send(); };
+    }
+    ~FloodingNameServer() { beforePoll = nullptr; }
+
+    bool IsBound() const { return bound_; }
+    /// Whether it stopped by itself, which it does in the end.
+    bool HasGivenUp() const { return patience_.Passed(); }
+
+private:
+    void Send() {
+        const auto to = reinterpret_cast<sockaddr*>(&client_);
+        char question[512];
+        recvfrom(socket_.Get(), question, sizeof question, MSG_DONTWAIT, to, &length_);
+        if (!HasGivenUp())
+            sendto(socket_.Get(), "no answer", 9, 0, to, length_);
+    }
+
+    UniqueFd socket_;
+    bool bound_ = false;
+    sockaddr_in client_{};
+    socklen_t length_ = sizeof client_;
+    Deadline patience_ = Deadline::In(20s);
+};
+
+TEST(NameServerFindings, ServerThatNeverStopsSendingIsLeft) {
+    std::ofstream("/etc/resolv.conf") << "nameserver 127.0.0.1\n";
+    const FloodingNameServer server;
+    ASSERT_TRUE(server.IsBound());
+    const Findings findings = CheckNameServers(domain);
+    EXPECT_FALSE(server.HasGivenUp()) << "not the server was to end it";
+    ASSERT_EQ(findings.size(), 1u);
+    EXPECT_EQ(findings[0].severity, Severity::Failure);
+    EXPECT_THAT(findings[0].text, HasSubstr("does not answer within 3 s"));
+}
+
+void Ip(const std::string& words) {
+    ASSERT_EQ(std::system(("ip " + words).c_str()), 0) << words;
+}
+
+/// The private host's network, for as long as the test takes.
+class OwnAddress : public testing::Test {
+protected:
+    static void AddNetwork(const std::string& name, const std::string& address) {
+        Ip("link add " + name + " type veth peer name " + name + "-far");
+        Ip("address add " + address + " dev " + name);
+        Ip("link set " + name + " up");
+        Ip("link set " + name + "-far up");
+        names_.push_back(name);
+    }
+    void TearDown() override {
+        for (const std::string& name : names_)
+            Ip("link delete " + name);
+        names_.clear();
+    }
+
+    static std::vector<std::string> names_;
+};
+std::vector<std::string> OwnAddress::names_;
+
+TEST_F(OwnAddress, IsTheOneTowardsThePeers) {
+    EXPECT_EQ(OwnAddressTowards({}), "127.0.1.1") << "without a network";
+    AddNetwork("local", "169.254.7.7/16");
+    EXPECT_EQ(OwnAddressTowards({Ipv4("169.254.7.8")}), "127.0.1.1") << "good on one link only";
+    AddNetwork("near", "198.51.100.7/24");
+    AddNetwork("more", "203.0.113.7/24");
+    EXPECT_EQ(OwnAddressTowards({}), "198.51.100.7") << "any, where there is no way out";
+
+    Ip("route add default via 203.0.113.1");
+    EXPECT_EQ(OwnAddressTowards({}), "203.0.113.7");
+    EXPECT_EQ(OwnAddressTowards({Ipv4("10.1.2.3")}), "203.0.113.7");
+    EXPECT_EQ(OwnAddressTowards({Ipv4("198.51.100.50")}), "198.51.100.7");
+    EXPECT_EQ(OwnAddressTowards({Ipv4("127.0.0.1"), Ipv4("198.51.100.50")}), "198.51.100.7");
+    EXPECT_EQ(OwnAddressTowards({Ipv4("169.254.7.8")}), "203.0.113.7");
+
+    Ip("address add 2001:db8:1::7/64 dev near nodad");
+    EXPECT_EQ(OwnAddressTowards({Ipv6("2001:db8:1::9")}), "2001:db8:1::7");
+    EXPECT_EQ(OwnAddressTowards({Ipv6("2001:db8:1::9"), Ipv4("10.1.2.3")}), "203.0.113.7")
+        << "IPv4 goes first";
 }
 
 } // namespace

@@ -306,6 +306,19 @@ TEST_F(AdldapTest, PreferredControllersAreKeptAndAskedFirst) {
     EXPECT_THAT(plugin_.Preferred(), IsEmpty());
 }
 
+TEST_F(AdldapTest, PreferredControllersAreNamesOrAddressesOfHosts) {
+    const std::vector<std::string> hosts{"dc1",         "dc-1.corp.example", "10.1.2.3",
+                                         "2001:db8::7", "fe80::1%eth0",      "fe80::1%2"};
+    ASSERT_EQ(plugin_.SetPreferred(hosts), 0u);
+    for (const char* other :
+         {"", "-h", "-dc1.corp.example", "dc1..example", ".example", ".", "dc1-.example", "dc1;x",
+          "10.1.2", "10.1.2.3.4", "10.1.2.300", "2001:db8::7::", "fe80::1%", "fe80::1%;x",
+          "10.1.2.3%eth0", "dc1:389"})
+        EXPECT_EQ(plugin_.SetPreferred({other}), 87u) << other;
+    EXPECT_EQ(plugin_.Preferred(), hosts);
+    ASSERT_EQ(plugin_.SetPreferred({}), 0u);
+}
+
 TEST_F(AdldapTest, FrozenControllerHoldsNoCallForLong) {
     ASSERT_EQ(JoinAsAdmin(), 0u);
     // Its name server is frozen as well; by its address the controller is found all the same.

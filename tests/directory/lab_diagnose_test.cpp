@@ -43,6 +43,26 @@ struct Named {
     int priority;
 };
 
+/// A second network of a host, with the way to everywhere else in two halves, which goes before a
+/// default one; gone at the end.
+class SecondNetwork {
+public:
+    SecondNetwork() {
+        const Words up{"sh", "-ec",
+                       "ip link add second type veth peer name far\n"
+                       "ip address add 198.51.100.7/24 dev second\n"
+                       "ip link set second up\n"
+                       "ip link set far up\n"
+                       "ip route add 0.0.0.0/1 via 198.51.100.1\n"
+                       "ip route add 128.0.0.0/1 via 198.51.100.1"};
+        const Result result = lab::RunOn("host1", up);
+        EXPECT_EQ(result.status, 0) << result.err;
+    }
+    ~SecondNetwork() { lab::RunOn("host1", {"ip", "link", "delete", "second"}); }
+    SecondNetwork(const SecondNetwork&) = delete;
+    SecondNetwork& operator=(const SecondNetwork&) = delete;
+};
+
 /// Findings in the order in which they came.
 class Report {
 public:
@@ -202,14 +222,38 @@ TEST_F(LabDiagnose, HostThatIsNotJoinedCanAskAboutADomain) {
     EXPECT_THAT(Diagnose("no domain").Problems(), ElementsAre("failure domain"));
 }
 
+TEST_F(LabDiagnose, ShortNameIsKnownOnlyOfTheJoinedDomain) {
+    SetHostName("localhost");
+    const Report report = Diagnose("CORP");
+    EXPECT_THAT(report.Problems(), ElementsAre("failure domain", "failure host name"));
+    EXPECT_THAT(report.Text("domain"), HasSubstr("CORP is a short name"));
+    EXPECT_THAT(report.Remedy("domain"), HasSubstr("write the domain by its DNS name"));
+    for (const char* check : {"domain", "host name"})
+        EXPECT_THAT(report.Remedy(check),
+                    Not(testing::AnyOf(HasSubstr("corp "), HasSubstr("hostnamectl"))));
+    SetHostName("host1");
+    Join();
+    EXPECT_THAT(Diagnose("CORP").Problems(), IsEmpty());
+    EXPECT_THAT(Diagnose("LAB").Problems(), ElementsAre("failure domain"));
+}
+
 TEST_F(LabDiagnose, DomainThatDoesNotExist) {
     const Report report = Diagnose("nosuch.example");
     EXPECT_THAT(report.Problems(),
                 ElementsAre("failure service record _ldap._tcp.dc._msdcs.nosuch.example",
                             "warning service record _kerberos._tcp.nosuch.example",
-                            "warning host name", "warning membership"));
-    EXPECT_THAT(report.Text("service record _ldap._tcp.dc._msdcs.nosuch.example"),
-                HasSubstr("does not exist"));
+                            "warning membership"));
+    EXPECT_EQ(report.Text("service record _ldap._tcp.dc._msdcs.nosuch.example"),
+              "does not exist: by it, a host finds the controllers");
+    EXPECT_EQ(report.Text("service record _kerberos._tcp.nosuch.example"),
+              "does not exist: by it, kinit and the like find the controllers");
+
+    for (const char* name : {"localhost", "host9"}) { // no domain, so none to be called after
+        SetHostName(name);
+        EXPECT_THAT(Diagnose("nosuch.example").Remedy("host name"),
+                    HasSubstr("see that the domain is found"))
+            << name;
+    }
 }
 
 TEST_F(LabDiagnose, NoNameServer) {
@@ -259,6 +303,21 @@ TEST_F(LabDiagnose, NameServerThatDoesNotKnowTheDomain) {
                 AllOf(HasSubstr("does not know " + domain_), HasSubstr(address_)));
 }
 
+TEST_F(LabDiagnose, WhatNoNameServerToldIsNotSaidToBeMissing) {
+    lab::Lab({"cut", "dc2"});
+    Write("/etc/resolv.conf", "nameserver " + Setting("DC2_ADDRESS") + "\n");
+    Write("/etc/hosts", "127.0.0.1 localhost\n");
+    Succeed({"mkdir", "-p", "/var/lib/tessary"});
+    Write("/var/lib/tessary/preferred_controllers", controller_ + "\n");
+    const Report report = Diagnose(domain_);
+    lab::Lab({"join", "dc2"});
+    for (const std::string& check : {std::string("host name"), "controller " + controller_}) {
+        EXPECT_THAT(report.Text(check),
+                    HasSubstr("could not be looked up: no name server answers"));
+        EXPECT_EQ(report.Remedy(check), "mend what is said of the name servers");
+    }
+}
+
 struct Outage {
     const char* fault;
     const char* recovery;
@@ -304,6 +363,9 @@ TEST_F(LabDiagnose, DeadControllersBesideOneThatWorks) {
     EXPECT_THAT(report.Text("controller other.corp.example"),
                 HasSubstr("serves lab.example, not corp.example"));
     EXPECT_THAT(report.Text("controller self.corp.example"), HasSubstr("refused"));
+    EXPECT_THAT(report.Text("controller " + controller_),
+                MatchesRegex(address_ + ": [^;]*; serves corp.example"))
+        << "both services tell of it, and it is looked at once";
 }
 
 TEST_F(LabDiagnose, ControllerWithAnAddressThatIsDead) {
@@ -324,6 +386,20 @@ TEST_F(LabDiagnose, PreferredControllersAreLookedAtToo) {
     Write("/var/lib/tessary/preferred_controllers", controller_ + "\n10.99.0.101\n");
     const Report report = Diagnose();
     EXPECT_THAT(report.Problems(), ElementsAre("warning controller 10.99.0.101"));
+}
+
+TEST_F(LabDiagnose, RemedyOfAControllerGoesByWhereItsNameIsFrom) {
+    const std::string recorded = "none." + domain_, both = "neither." + domain_,
+                      preferred = "nobody." + domain_;
+    UseOwnNameServer({{recorded, "", 1}, {both, "", 2}, {controller_, address_, 3}});
+    Succeed({"mkdir", "-p", "/var/lib/tessary"});
+    Write("/var/lib/tessary/preferred_controllers", both + "\n" + preferred + "\n");
+    const Report report = Diagnose(domain_);
+    const auto records = HasSubstr("out of the service records of " + domain_);
+    const auto list = HasSubstr("tesauthctl dcs set");
+    EXPECT_THAT(report.Remedy("controller " + recorded), AllOf(records, Not(list)));
+    EXPECT_THAT(report.Remedy("controller " + both), AllOf(records, list));
+    EXPECT_THAT(report.Remedy("controller " + preferred), AllOf(Not(records), list));
 }
 
 TEST_F(LabDiagnose, ClockThatIsOff) {
@@ -368,6 +444,10 @@ TEST_F(LabDiagnose, HostName) {
                   "10.99.0.101 host1.corp.example host1"},
              Case{"host1.other.example", nobody + "10.99.0.101 host1.other.example host1\n",
                   "warning", "no name in corp.example", "set-hostname host1.corp.example"},
+             Case{"host1", nobody + "10.99.0.101 HOST1.corp.example host1\n", "warning",
+                  "capitals from small letters", "10.99.0.101 host1.corp.example host1"},
+             Case{"Host1", hostsFile, "warning", "capitals from small letters",
+                  "set-hostname host1, and"},
              Case{"host1", nobody + "127.0.1.1 host1.corp.example host1\n", "ok", "127.0.1.1", ""},
              Case{"host1.corp.example", hostsFile, "ok", "10.99.0.101", ""},
          }) {
@@ -382,6 +462,13 @@ TEST_F(LabDiagnose, HostName) {
     }
 }
 
+TEST_F(LabDiagnose, LineForTheHostsFileHasTheAddressTowardsTheControllers) {
+    const SecondNetwork second;
+    Write("/etc/hosts", "127.0.0.1 localhost\n");
+    EXPECT_EQ(Diagnose(domain_).Remedy("host name"),
+              "echo '10.99.0.101 host1.corp.example host1' >>/etc/hosts");
+}
+
 TEST_F(LabDiagnose, HostThatHasGotAnotherNameSinceItJoined) {
     Join();
     SetHostName("host9");
@@ -391,24 +478,42 @@ TEST_F(LabDiagnose, HostThatHasGotAnotherNameSinceItJoined) {
     EXPECT_THAT(report.Text("host name"), HasSubstr("joined as host1"));
 }
 
+TEST_F(LabDiagnose, KeytabWithoutAKeyToLogInWith) {
+    Join();
+    Succeed({"cp", "-a", "/etc/krb5.keytab", "/run/kept"});
+    const auto expect = [this](const std::string& said, const std::string& remedy) {
+        const Report report = Diagnose();
+        EXPECT_THAT(report.Problems(), ElementsAre("failure keytab", "failure trust"));
+        EXPECT_THAT(report.Text("keytab"), HasSubstr(said));
+        EXPECT_EQ(report.Text("trust"), "was not tried: " + report.Text("keytab"));
+        for (const char* check : {"keytab", "trust"})
+            EXPECT_EQ(report.Remedy(check), remedy);
+    };
+
+    Succeed({"rm", "/etc/krb5.keytab"});
+    expect("/etc/krb5.keytab is not there", joinCommand_);
+
+    // Its last entries are those of the services.
+    Succeed({"ktutil"}, "rkt /run/kept\ndelent 1\ndelent 1\nwkt /etc/krb5.keytab\nquit\n");
+    expect("/etc/krb5.keytab has no key of HOST1$", joinCommand_);
+
+    Succeed({"sh", "-c", "umask 077; echo nonsense >/etc/krb5.keytab"});
+    expect("cannot read /etc/krb5.keytab",
+           "mv /etc/krb5.keytab /etc/krb5.keytab.damaged && " + joinCommand_);
+    Succeed({"sh", "-c", "mv /etc/krb5.keytab /etc/krb5.keytab.damaged"});
+    Join();
+    EXPECT_THAT(Diagnose().Problems(), IsEmpty()) << "the remedy helps";
+}
+
 TEST_F(LabDiagnose, KeytabThatIsNotAsItShouldBe) {
     Join();
     Succeed({"cp", "-a", "/etc/krb5.keytab", "/run/kept"});
 
+    // Who may read it is for others to look at; the keys are looked at all the same.
     Succeed({"chmod", "0644", "/etc/krb5.keytab"});
     const Report mode = Diagnose();
-    EXPECT_THAT(mode.Problems(), ElementsAre("failure keytab"));
-    EXPECT_THAT(mode.Text("keytab"), HasSubstr("mode 0644"));
-    EXPECT_THAT(mode.Remedy("keytab"), HasSubstr("chmod 0600 /etc/krb5.keytab"));
-
-    Succeed({"rm", "/etc/krb5.keytab"});
-    const Report missing = Diagnose();
-    EXPECT_THAT(missing.Problems(), ElementsAre("failure keytab", "failure trust"));
-    EXPECT_THAT(missing.Text("keytab"), HasSubstr("is not there"));
-    EXPECT_EQ(missing.Remedy("keytab"), joinCommand_);
-
-    Succeed({"sh", "-c", "umask 077; echo nonsense >/etc/krb5.keytab"});
-    EXPECT_THAT(Diagnose().Problems(), ElementsAre("failure keytab", "failure trust"));
+    EXPECT_THAT(mode.Problems(), IsEmpty());
+    EXPECT_THAT(mode.Text("keytab"), HasSubstr("newest key of version "));
 
     // The first entries of a keytab that a join made are the account's own.
     Succeed({"ktutil"}, "rkt /run/kept\ndelent 10\nwkt /run/some\nquit\n");
@@ -456,13 +561,20 @@ std::string ChangeVersions(const std::string& version, bool ofAccount) {
 TEST_F(LabDiagnose, KeyVersionsThatAreNotTheAccounts) {
     Join();
     Join(); // so that there is an older version than the account's, and no version is 0
-    for (const std::string version : {"old + 7", "old - 1"}) {
+    struct Case {
+        const char* version;
+        const char* severity;
+        const char* said;
+    };
+    for (const Case& each : {Case{"old + 7", "warning", "does not know the newest key yet"},
+                             Case{"old - 1", "failure", "has only old keys for HOST1$"}}) {
         Succeed({"cp", "-a", "/etc/krb5.keytab", "/run/kept"});
-        Succeed({"python3", "-"}, ChangeVersions(version, true));
+        Succeed({"python3", "-"}, ChangeVersions(each.version, true));
         const Report report = Diagnose();
-        EXPECT_THAT(report.Problems(), ElementsAre("failure keytab")) << version;
-        EXPECT_THAT(report.Text("keytab"), HasSubstr("HOST1$ has version "));
-        EXPECT_EQ(report.Remedy("keytab"), joinCommand_);
+        EXPECT_THAT(report.Problems(), ElementsAre(each.severity + std::string(" keytab")));
+        EXPECT_THAT(report.Text("keytab"),
+                    AllOf(HasSubstr(each.said), HasSubstr("HOST1$ has version ")));
+        EXPECT_THAT(report.Remedy("keytab"), HasSubstr(joinCommand_));
         Succeed({"cp", "-a", "/run/kept", "/etc/krb5.keytab"});
     }
     Succeed({"python3", "-"}, ChangeVersions("old - 1", false));
@@ -512,8 +624,30 @@ TEST_F(LabDiagnose, UserWithoutRightsIsToldWhatTakesRoot) {
     const Words user{"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
     const Report report = DiagnoseAs(user + Program(domain_));
     EXPECT_THAT(report.Problems(), ElementsAre("warning membership"));
-    EXPECT_THAT(report.Remedy("membership"), HasSubstr("run as root"));
-    EXPECT_THAT(DiagnoseAs(user + Program()).Problems(), ElementsAre("warning membership"));
+    EXPECT_EQ(report.Remedy("membership"), "run as root: tesauthctl diagnose " + domain_);
+    const Report none = DiagnoseAs(user + Program());
+    EXPECT_THAT(none.Problems(), ElementsAre("warning membership"));
+    EXPECT_EQ(none.Remedy("membership"), "run as root: tesauthctl diagnose");
+    EXPECT_EQ(DiagnoseAs(user + Program("x;reboot")).Remedy("membership"),
+              "run as root: tesauthctl diagnose 'x;reboot'");
+}
+
+TEST_F(LabDiagnose, DamagedMembership) {
+    Join();
+    const std::string damaged = "/var/lib/tessary/domain_state is damaged";
+    for (const char* content : {"", "domain="}) {
+        Write("/var/lib/tessary/domain_state", content);
+        const Report none = Diagnose();
+        EXPECT_THAT(none.Problems(), ElementsAre("failure membership"));
+        EXPECT_EQ(none.Text("membership"), damaged);
+        EXPECT_EQ(none.Remedy("membership"), "tesauthctl join DOMAIN -U USER");
+        const Report named = Diagnose(domain_);
+        EXPECT_THAT(named.Problems(), ElementsAre("failure membership"));
+        EXPECT_EQ(named.Text("membership"), damaged);
+        EXPECT_EQ(named.Remedy("membership"), joinCommand_);
+    }
+    Join();
+    EXPECT_THAT(Diagnose().Problems(), IsEmpty()) << "the remedy helps";
 }
 
 } // namespace
