@@ -38,7 +38,7 @@ target_link_libraries(lab_diagnose_program PRIVATE tesauth_directory nlohmann_js
 set_target_properties(lab_diagnose_program PROPERTIES
   RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests/bin)
 tesauth_lab_test(lab_diagnose
-  SOURCES lab_diagnose_test.cpp
+  SOURCES lab_diagnose_test.cpp lab_diagnose_membership_test.cpp
   LIBRARIES tesauth_lab_commands
   DCS 2)
 target_compile_definitions(lab_diagnose PRIVATE

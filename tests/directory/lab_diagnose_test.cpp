@@ -1,33 +1,17 @@
-// What a diagnosis says of a host and its domain, with each thing that it knows of gone wrong.
+// What a diagnosis says of a domain and the way to it, with each thing that it knows of gone wrong.
 
-#include "lab_commands.h"
+#include "lab_diagnosis.h"
 
-#include <chrono>
-#include <set>
-#include <string>
-#include <vector>
-
-#include <gmock/gmock.h>
-
+namespace lab_diagnosis {
 namespace {
 
-using namespace std::chrono_literals;
-using lab::Result;
-using lab::Setting;
-using lab::Words;
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::Not;
-
 const std::string latency = "[0-9]+[.][0-9] ms";
-
-Words operator+(Words words, const Words& more) {
-    words.insert(words.end(), more.begin(), more.end());
-    return words;
-}
 
 /// The words that run a command under a clock that is off by so much.
 Words WithClock(const std::string& offset, const Words& command) {
@@ -35,13 +19,6 @@ Words WithClock(const std::string& offset, const Words& command) {
                  "DONT_FAKE_MONOTONIC=1"} +
            command;
 }
-
-/// A host that a domain's service records name.
-struct Named {
-    std::string host;
-    std::string address; ///< empty for a name that does not resolve
-    int priority;
-};
 
 /// A second network of a host, with the way to everywhere else in two halves, which goes before a
 /// default one; gone at the end.
@@ -61,127 +38,6 @@ public:
     ~SecondNetwork() { lab::RunOn("host1", {"ip", "link", "delete", "second"}); }
     SecondNetwork(const SecondNetwork&) = delete;
     SecondNetwork& operator=(const SecondNetwork&) = delete;
-};
-
-/// Findings in the order in which they came.
-class Report {
-public:
-    explicit Report(const nlohmann::json& findings) : findings_(findings) {
-        for (const auto& finding : findings_) {
-            const bool inOrder = finding["severity"] == "ok";
-            EXPECT_EQ(finding["remedy"] == "", inOrder) << finding;
-            EXPECT_NE(finding["text"], "") << finding;
-            EXPECT_TRUE(checks_.insert(finding["check"].get<std::string>()).second) << finding;
-        }
-    }
-
-    /// "ok keytab" and so on.
-    Words Outline() const {
-        Words lines;
-        for (const auto& finding : findings_)
-            lines.push_back(finding["severity"].get<std::string>() + " " +
-                            finding["check"].get<std::string>());
-        return lines;
-    }
-    /// The outline of what is not in order.
-    Words Problems() const {
-        Words lines;
-        for (const std::string& line : Outline())
-            if (line.compare(0, 3, "ok ") != 0)
-                lines.push_back(line);
-        return lines;
-    }
-    std::string Text(const std::string& check) const { return Field(check, "text"); }
-    std::string Remedy(const std::string& check) const { return Field(check, "remedy"); }
-
-private:
-    std::string Field(const std::string& check, const char* name) const {
-        for (const auto& finding : findings_)
-            if (finding["check"] == check)
-                return finding[name];
-        ADD_FAILURE() << "nothing was said of " << check << ": " << findings_;
-        return "";
-    }
-
-    nlohmann::json findings_;
-    std::set<std::string> checks_;
-};
-
-class LabDiagnose : public testing::Test {
-protected:
-    LabDiagnose()
-        : domain_(Setting("DOMAIN")), controller_(Setting("DC1")), address_(Setting("DC1_ADDRESS")),
-          joinCommand_("tesauthctl join " + domain_ + " -U USER") {}
-
-    void SetUp() override { lab::Lab({"fresh", "host1"}); }
-
-    static Result On(const Words& words, const std::string& input = "") {
-        return lab::RunOn("host1", words, input);
-    }
-    static void Succeed(const Words& words, const std::string& input = "") {
-        const Result result = On(words, input);
-        ASSERT_EQ(result.status, 0) << testing::PrintToString(words) << result.err << result.out;
-    }
-    static void Write(const std::string& file, const std::string& text) {
-        Succeed({"tee", file}, text);
-    }
-    /// Whatever the name; programs that set one refuse some.
-    static void SetHostName(const std::string& name) {
-        Write("/proc/sys/kernel/hostname", name + "\n");
-    }
-    void OnController(const Words& words) {
-        const Result result = lab::Run(Words{std::getenv("TESAUTH_LAB"), "on", "dc1"} + words);
-        ASSERT_EQ(result.status, 0) << result.err << result.out;
-    }
-
-    void Join() {
-        const Result joined =
-            lab::Ctl("host1", {"join", domain_, "-U", Setting("ADMIN"), "--password-stdin"},
-                     Setting("PASSWORD") + "\n");
-        ASSERT_EQ(joined.status, 0) << joined.err;
-    }
-
-    /// Also sees that the host's files are left alone, down to their times.
-    static Report DiagnoseAs(const Words& words) {
-        const Words look{"find", "/etc", "/var/lib/tessary", "-printf", "%p %y %m %U %G %s %C@\\n"};
-        const std::string before = On(look).out;
-        const auto started = std::chrono::steady_clock::now();
-        const Result result = On(words);
-        // What is promised, whatever is dead.
-        EXPECT_LT(std::chrono::steady_clock::now() - started, 15s);
-        EXPECT_EQ(result.status, 0) << result.err;
-        EXPECT_THAT(result.err, IsEmpty());
-        EXPECT_EQ(On(look).out, before) << "something on the host was changed";
-        return Report(result.Json());
-    }
-    static Report Diagnose(const std::string& domain = "") { return DiagnoseAs(Program(domain)); }
-    static Words Program(const std::string& domain = "") {
-        return domain.empty() ? Words{LAB_DIAGNOSE_PROGRAM_FILE}
-                              : Words{LAB_DIAGNOSE_PROGRAM_FILE, domain};
-    }
-
-    /// Gives the host a name server of its own, which knows these controllers and nothing else.
-    void UseOwnNameServer(const std::vector<Named>& controllers) {
-        Words server{"dnsmasq",           "--conf-file=/dev/null", "--no-resolv",
-                     "--no-hosts",        "--user=root",           "--listen-address=127.0.0.1",
-                     "--bind-interfaces", "--address=/#/",         "--pid-file=/run/dnsmasq.pid"};
-        for (const Named& named : controllers) {
-            const std::string rank = "," + std::to_string(named.priority) + ",1";
-            server.push_back("--srv-host=" + controllerRecord_ + "," + named.host + ",389" + rank);
-            server.push_back("--srv-host=" + ticketRecord_ + "," + named.host + ",88" + rank);
-            if (!named.address.empty())
-                server.push_back("--host-record=" + named.host + "," + named.address);
-        }
-        Succeed(server);
-        Write("/etc/resolv.conf", "nameserver 127.0.0.1\n");
-    }
-
-    std::string domain_;
-    std::string controller_;
-    std::string address_;
-    std::string joinCommand_;
-    std::string controllerRecord_ = "_ldap._tcp.dc._msdcs." + domain_;
-    std::string ticketRecord_ = "_kerberos._tcp." + domain_;
 };
 
 constexpr char hostsFile[] = "127.0.0.1\tlocalhost\n10.99.0.101\thost1.corp.example host1\n";
@@ -478,176 +334,5 @@ TEST_F(LabDiagnose, HostThatHasGotAnotherNameSinceItJoined) {
     EXPECT_THAT(report.Text("host name"), HasSubstr("joined as host1"));
 }
 
-TEST_F(LabDiagnose, KeytabWithoutAKeyToLogInWith) {
-    Join();
-    Succeed({"cp", "-a", "/etc/krb5.keytab", "/run/kept"});
-    const auto expect = [this](const std::string& said, const std::string& remedy) {
-        const Report report = Diagnose();
-        EXPECT_THAT(report.Problems(), ElementsAre("failure keytab", "failure trust"));
-        EXPECT_THAT(report.Text("keytab"), HasSubstr(said));
-        EXPECT_EQ(report.Text("trust"), "was not tried: " + report.Text("keytab"));
-        for (const char* check : {"keytab", "trust"})
-            EXPECT_EQ(report.Remedy(check), remedy);
-    };
-
-    Succeed({"rm", "/etc/krb5.keytab"});
-    expect("/etc/krb5.keytab is not there", joinCommand_);
-
-    // Its last entries are those of the services.
-    Succeed({"ktutil"}, "rkt /run/kept\ndelent 1\ndelent 1\nwkt /etc/krb5.keytab\nquit\n");
-    expect("/etc/krb5.keytab has no key of HOST1$", joinCommand_);
-
-    Succeed({"sh", "-c", "umask 077; echo nonsense >/etc/krb5.keytab"});
-    expect("cannot read /etc/krb5.keytab",
-           "mv /etc/krb5.keytab /etc/krb5.keytab.damaged && " + joinCommand_);
-    Succeed({"sh", "-c", "mv /etc/krb5.keytab /etc/krb5.keytab.damaged"});
-    Join();
-    EXPECT_THAT(Diagnose().Problems(), IsEmpty()) << "the remedy helps";
-}
-
-TEST_F(LabDiagnose, KeytabThatIsNotAsItShouldBe) {
-    Join();
-    Succeed({"cp", "-a", "/etc/krb5.keytab", "/run/kept"});
-
-    // Who may read it is for others to look at; the keys are looked at all the same.
-    Succeed({"chmod", "0644", "/etc/krb5.keytab"});
-    const Report mode = Diagnose();
-    EXPECT_THAT(mode.Problems(), IsEmpty());
-    EXPECT_THAT(mode.Text("keytab"), HasSubstr("newest key of version "));
-
-    // The first entries of a keytab that a join made are the account's own.
-    Succeed({"ktutil"}, "rkt /run/kept\ndelent 10\nwkt /run/some\nquit\n");
-    Succeed({"sh", "-c", "umask 077; cat /run/some >/etc/krb5.keytab"});
-    Succeed({"ktutil"}, "rkt /run/kept\ndelent 10\ndelent 9\nwkt /run/fewer\nquit\n");
-    EXPECT_THAT(Diagnose().Problems(), IsEmpty()) << "one kind of encryption is left";
-    Succeed({"sh", "-c", "cat /run/fewer >/etc/krb5.keytab"});
-    const Report service = Diagnose();
-    EXPECT_THAT(service.Problems(), ElementsAre("failure keytab"));
-    EXPECT_THAT(service.Text("keytab"), HasSubstr("has no key for RestrictedKrbHost/"));
-}
-
-TEST_F(LabDiagnose, KeyThatIsNotTheAccountsAnyMore) {
-    Join();
-    OnController({"samba-tool", "user", "setpassword", "HOST1$", "--newpassword=Other-12345-key"});
-    const Report report = Diagnose();
-    EXPECT_THAT(report.Problems(), ElementsAre("failure keytab", "failure trust"));
-    EXPECT_THAT(report.Text("keytab"), HasSubstr("not the one that HOST1$ has"));
-    EXPECT_EQ(report.Remedy("keytab"), joinCommand_);
-    EXPECT_THAT(report.Text("trust"), HasSubstr("does not take this host's key"));
-    Join();
-    EXPECT_THAT(Diagnose().Problems(), IsEmpty()) << "the remedy helps";
-}
-
-/// Gives the keytab's entries of the host's services, and perhaps those of the account itself,
-/// another version. A version stands in the last four bytes of an entry.
-std::string ChangeVersions(const std::string& version, bool ofAccount) {
-    return "import struct\n"
-           "path = '/etc/krb5.keytab'\n"
-           "data = bytearray(open(path, 'rb').read())\n"
-           "start = 2\n"
-           "while start < len(data):\n"
-           "    end = start + 4 + struct.unpack('>i', data[start:start + 4])[0]\n"
-           "    old = struct.unpack('>i', data[end - 4:end])[0]\n"
-           "    if b'HOST1$' not in data[start:end]" +
-           std::string(ofAccount ? " or True" : "") +
-           ":\n"
-           "        data[end - 4:end] = struct.pack('>i', " +
-           version +
-           ")\n"
-           "    start = end\n"
-           "open(path, 'wb').write(data)\n";
-}
-
-TEST_F(LabDiagnose, KeyVersionsThatAreNotTheAccounts) {
-    Join();
-    Join(); // so that there is an older version than the account's, and no version is 0
-    struct Case {
-        const char* version;
-        const char* severity;
-        const char* said;
-    };
-    for (const Case& each : {Case{"old + 7", "warning", "does not know the newest key yet"},
-                             Case{"old - 1", "failure", "has only old keys for HOST1$"}}) {
-        Succeed({"cp", "-a", "/etc/krb5.keytab", "/run/kept"});
-        Succeed({"python3", "-"}, ChangeVersions(each.version, true));
-        const Report report = Diagnose();
-        EXPECT_THAT(report.Problems(), ElementsAre(each.severity + std::string(" keytab")));
-        EXPECT_THAT(report.Text("keytab"),
-                    AllOf(HasSubstr(each.said), HasSubstr("HOST1$ has version ")));
-        EXPECT_THAT(report.Remedy("keytab"), HasSubstr(joinCommand_));
-        Succeed({"cp", "-a", "/run/kept", "/etc/krb5.keytab"});
-    }
-    Succeed({"python3", "-"}, ChangeVersions("old - 1", false));
-    const Report services = Diagnose();
-    EXPECT_THAT(services.Problems(), ElementsAre("failure keytab"));
-    EXPECT_THAT(services.Text("keytab"), HasSubstr("only old keys for host/host1@CORP.EXAMPLE"));
-}
-
-TEST_F(LabDiagnose, ChangeOfKeysThatWasNotFinished) {
-    Join();
-    const std::string said = Diagnose().Text("keytab");
-    const int version = std::stoi(said.substr(said.find("version ") + 8));
-    const std::string password = "Other-12345-key";
-    Succeed({"ktutil"}, "addent -password -p host/host1@CORP.EXAMPLE -k " +
-                            std::to_string(version + 1) +
-                            " -e aes256-cts-hmac-sha1-96 -s CORP.EXAMPLEhosthost1.corp.example\n" +
-                            password + "\nwkt /etc/krb5.keytab\nquit\n");
-    EXPECT_THAT(Diagnose().Problems(), IsEmpty()) << "the account still has the old key";
-    OnController({"samba-tool", "user", "setpassword", "HOST1$", "--newpassword=" + password});
-    for (int i = 0; i < 2; ++i) { // looking does not finish it
-        const Report report = Diagnose();
-        EXPECT_THAT(report.Problems(), ElementsAre("warning keytab", "warning trust"));
-        EXPECT_THAT(report.Text("keytab"), HasSubstr("a change of keys was not finished"));
-        EXPECT_THAT(report.Remedy("keytab"), HasSubstr("tesauthctl status"));
-    }
-    EXPECT_EQ(lab::Ctl("host1", {"status", "--json"}).Json()["trustState"]["name"], "good");
-    // The services that were given no new key here go on lacking it.
-    EXPECT_THAT(Diagnose().Problems(), ElementsAre("failure keytab"));
-}
-
-TEST_F(LabDiagnose, AccountThatIsDisabledOrGone) {
-    Join();
-    OnController({"samba-tool", "user", "disable", "HOST1$"});
-    const Report disabled = Diagnose();
-    EXPECT_THAT(disabled.Problems(), ElementsAre("failure trust"));
-    EXPECT_THAT(disabled.Text("trust"), HasSubstr("does not let HOST1$ log in"));
-
-    OnController({"samba-tool", "computer", "delete", "HOST1$"});
-    const Report gone = Diagnose();
-    EXPECT_THAT(gone.Problems(), ElementsAre("failure trust"));
-    EXPECT_EQ(gone.Text("trust"), domain_ + " has no account HOST1$ any more");
-    EXPECT_EQ(gone.Remedy("trust"), joinCommand_);
-}
-
-TEST_F(LabDiagnose, UserWithoutRightsIsToldWhatTakesRoot) {
-    Join();
-    const Words user{"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
-    const Report report = DiagnoseAs(user + Program(domain_));
-    EXPECT_THAT(report.Problems(), ElementsAre("warning membership"));
-    EXPECT_EQ(report.Remedy("membership"), "run as root: tesauthctl diagnose " + domain_);
-    const Report none = DiagnoseAs(user + Program());
-    EXPECT_THAT(none.Problems(), ElementsAre("warning membership"));
-    EXPECT_EQ(none.Remedy("membership"), "run as root: tesauthctl diagnose");
-    EXPECT_EQ(DiagnoseAs(user + Program("x;reboot")).Remedy("membership"),
-              "run as root: tesauthctl diagnose 'x;reboot'");
-}
-
-TEST_F(LabDiagnose, DamagedMembership) {
-    Join();
-    const std::string damaged = "/var/lib/tessary/domain_state is damaged";
-    for (const char* content : {"", "domain="}) {
-        Write("/var/lib/tessary/domain_state", content);
-        const Report none = Diagnose();
-        EXPECT_THAT(none.Problems(), ElementsAre("failure membership"));
-        EXPECT_EQ(none.Text("membership"), damaged);
-        EXPECT_EQ(none.Remedy("membership"), "tesauthctl join DOMAIN -U USER");
-        const Report named = Diagnose(domain_);
-        EXPECT_THAT(named.Problems(), ElementsAre("failure membership"));
-        EXPECT_EQ(named.Text("membership"), damaged);
-        EXPECT_EQ(named.Remedy("membership"), joinCommand_);
-    }
-    Join();
-    EXPECT_THAT(Diagnose().Problems(), IsEmpty()) << "the remedy helps";
-}
-
 } // namespace
+} // namespace lab_diagnosis

@@ -120,9 +120,12 @@ signal_all() { # CONTROLLER SIGNAL
 
 lab_freeze() { signal_all "$1" STOP; }
 lab_thaw() { signal_all "$1" CONT; }
+# A process that ends is out of sight before its sockets are.
 lab_kill() {
     signal_all "$1" KILL
-    while enter "$1" pidof samba >/dev/null; do sleep 0.01; done
+    while enter "$1" pidof samba >/dev/null || [ -n "$(nsenter "--net=/run/netns/$1" ss -Hlnt)" ]; do
+        sleep 0.01
+    done
 }
 
 lab_clock() { # CONTROLLER OFFSET
