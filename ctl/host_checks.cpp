@@ -25,7 +25,7 @@ constexpr const char* stateFolder = "/var/lib/tessary";
 constexpr const char* storeFile = "/var/lib/tessary/configstore.db";
 constexpr const char* keytab = "/etc/krb5.keytab";
 constexpr const char* storeRemedy = "mv /var/lib/tessary/configstore.db "
-                                    "/var/lib/tessary/configstore.db.old, then tesauthctl join "
+                                    "/var/lib/tessary/configstore.db.old && tesauthctl join "
                                     "DOMAIN -U USER";
 
 bool IsThere(const std::string& path) {

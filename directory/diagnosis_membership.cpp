@@ -241,7 +241,8 @@ Findings CheckMembership(const DomainState& state, const std::string& controller
     const KeytabContent content = ReadKeytab(state);
     if (const std::optional<Finding> noKey = FindNoKey(state, content))
         return {*noKey,
-                {trustCheck, noKey->severity, "was not tried: " + noKey->text, noKey->remedy}};
+                {trustCheck, Severity::Warning, std::string("not looked at: see ") + keytabCheck,
+                 noKey->remedy}};
     Login login;
     if (controller.empty())
         login.failure = Error(Status::NoController, "none is known that works");

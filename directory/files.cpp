@@ -123,8 +123,10 @@ std::optional<std::string> ReadFile(const std::string& path) {
     }
 }
 
-Secret ReadSecretFile(const std::string& path) {
+std::optional<Secret> ReadSecretFile(const std::string& path) {
     const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd && (errno == ENOENT || errno == ENOTDIR))
+        return std::nullopt;
     if (!fd)
         ThrowFileError(errno, "cannot read " + path);
     return ReadSecretFile(fd.Get(), path);

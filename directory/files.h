@@ -73,9 +73,8 @@ inline constexpr char listLock[] = "list_lock";
 /// \return the file's text, or nothing when there is no such file
 std::optional<std::string> ReadFile(const std::string& path);
 
-/// \return the bytes of a file that has keys in it
-/// \throws Error also when there is no such file
-Secret ReadSecretFile(const std::string& path);
+/// \return the bytes of a file that has keys in it, or nothing when there is no such file
+std::optional<Secret> ReadSecretFile(const std::string& path);
 /// \param file read from its beginning
 /// \param name of the file, for the Error's text
 Secret ReadSecretFile(int file, const std::string& name);

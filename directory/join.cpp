@@ -48,16 +48,21 @@ public:
         : session_(session), state_(state), principals_(state.KeytabPrincipals()),
           replaced_(principals_), wasMember_(before.has_value()), file_(DomainState::Path()) {
         const krb5_context context = session.Kerberos().Context();
-        if (before)
+        if (before) {
+            // The keys of another account stay in force as long as that is the host's.
+            const bool renamed = before->AccountPrincipal() != state.AccountPrincipal();
+            std::vector<std::string>& going = renamed ? former_ : replaced_;
             for (std::string& principal : PrincipalsWithKeysOf(context, *before))
-                replaced_.push_back(std::move(principal));
+                if (!IsReplaced(principal))
+                    going.push_back(std::move(principal));
+        }
         if (change) {
             principals_ = change->Principals();
             keyVersionBefore_ = change->Version();
         }
         keytab_.emplace(context, [&](const KeytabEntryName& entry) {
             return !IsReplaced(entry.principal) ||
-                   (change && change->IsOfAccount(entry.principal) && change->Stays(entry));
+                   (change && change->Stays(entry, change->Version() + 1));
         });
     }
 
@@ -86,11 +91,23 @@ public:
                 KeytabReplacement(session_.Kerberos().Context(), replaced_).Commit();
             throw;
         }
+        DropFormerKeys();
     }
 
 private:
     bool IsReplaced(const std::string& principal) const {
         return std::find(replaced_.begin(), replaced_.end(), principal) != replaced_.end();
+    }
+
+    /// They are of no use now, and harm nobody if they stay.
+    void DropFormerKeys() noexcept {
+        if (former_.empty())
+            return;
+        try {
+            KeytabReplacement(session_.Kerberos().Context(), former_).Commit();
+        } catch (const std::exception&) {
+            return;
+        }
     }
 
     /// Whether the domain accepts the keys, which are not in force yet.
@@ -111,6 +128,7 @@ private:
     DomainState state_;
     std::vector<std::string> principals_; // who get the new keys
     std::vector<std::string> replaced_;   // whose entries go
+    std::vector<std::string> former_;     // whose entries go once the host has another account
     int keyVersionBefore_ = -1;
     bool wasMember_;
     std::optional<KeytabReplacement> keytab_;

@@ -41,8 +41,6 @@ const Meaning meanings[] = {
     {KRB5KRB_AP_ERR_TKT_EXPIRED, Status::ClockSkew}, // no longer: only a wrong clock sees that
     {KRB5KDC_ERR_NEVER_VALID, Status::ClockSkew},
     {KRB5KDC_ERR_POLICY, Status::AccessDenied},
-    {KRB5KDC_ERR_ETYPE_NOSUPP, Status::InternalError,
-     "the account has no AES key; changing its password once gives it one"},
     {KRB5_KT_NOTFOUND, Status::MachineKeyRejected},
     {ENOENT, Status::MachineKeyRejected},
     {EACCES, Status::AccessDenied},
@@ -248,6 +246,8 @@ void KerberosSession::GetInitialTicket(
         reason = code == KRB5KRB_AP_ERR_SKEW ? ClockOffset(*refusal.Get())
                                              : StateOfAccount(refusal.Get()->e_data);
     }
+    if (code == KRB5KDC_ERR_ETYPE_NOSUPP)
+        reason = "the account has no AES key; changing its password once gives it one";
     Check(code, what, reason);
 }
 

@@ -20,7 +20,8 @@ namespace tessary::directory {
 /// keytab first, beside the old one, under the names of the services: they take any ticket that
 /// either key fits. The account's own name, which the host logs in with, keeps the old key until
 /// the domain has taken the new one. LogInAsHost() knows that there may be a newer one. (Another
-/// program that logs in with the account's key is refused in the moment between the two.)
+/// program that logs in with the account's key is refused in the moment between the two.) A key
+/// whose change has not been answered stays, too, until a later one is known to be taken.
 ///
 /// Old keys stay as long as tickets made with them may be around: a week after the next one came.
 ///
@@ -47,20 +48,21 @@ public:
     std::unique_ptr<KeytabReplacement> Finished(const std::vector<AccountKey>& newKeys,
                                                 int newVersion);
 
-    /// Which entries stay beside the new key once that is the account's.
-    bool Stays(const KeytabEntryName& entry) const;
-    bool IsOfAccount(const std::string& principal) const;
+    /// Which entries stay beside a new key of the account's.
+    bool Stays(const KeytabEntryName& entry, int newVersion) const;
 
     /// Whether a change that failed so may have been made, or may yet be.
     static bool MayStillHappen(const Error& error);
 
 private:
+    bool IsOfAccount(const std::string& principal) const;
     KeytabReplacement Kept(int newVersion);
 
     krb5_context context_;
     std::string accountPrincipal_;
     std::vector<std::string> principals_;
     int version_;
+    int stagedVersion_;                   // newer than any
     std::map<int, krb5_timestamp> since_; // when each version came into the keytab
     krb5_timestamp now_;
 };

@@ -19,43 +19,43 @@ constexpr std::chrono::seconds settlingTime{5};
 /// Whether the account's key is so young. One of the future is not: the clock was wrong when it
 /// came.
 bool IsYounger(krb5_context context, const DomainState& state, std::chrono::seconds age) {
-    std::int64_t newest = 0;
-    for (const KeytabKey& key : ReadHostKeys(context, {state.AccountPrincipal()}))
-        newest = std::max<std::int64_t>(newest, static_cast<std::uint32_t>(key.name.time));
+    const std::vector<KeytabKey> keys = ReadHostKeys(context, {state.AccountPrincipal()});
+    std::int64_t came = 0;
+    for (const KeytabKey& key : keys)
+        if (key.name.version == NewestVersion(keys))
+            came = static_cast<std::uint32_t>(key.name.time);
     const std::int64_t now = std::time(nullptr);
-    return newest <= now && now - newest < age.count();
+    return came <= now && now - came < age.count();
 }
 
-/// Whether the domain is known to take the keys.
-bool AreTaken(const DomainState& state, const std::vector<AccountKey>& keys) {
+/// Whether the domain takes the keys; nothing when nobody is there to ask.
+std::optional<bool> AreTaken(const DomainState& state, const std::vector<AccountKey>& keys) {
     try {
         const Deadline deadline = Deadline::In(settlingTime);
         return AreAccepted(LocateController(state.domain, {}, deadline), state, keys, deadline);
     } catch (const Error&) {
-        return false;
+        return std::nullopt;
     }
 }
 
 /// Sees to it that the keytab has what the domain made of the new password: an account that was
-/// renamed has another salt from then on, and its version may have gone up by more than one.
-void Confirm(Session& session, const DomainState& state, KeyChange& change,
+/// renamed has another salt from then on, and its version may be another than the keytab's versions
+/// let expect.
+/// \param before the version that this controller had before the change
+void Confirm(Session& session, const DomainState& state, KeyChange& change, int before,
              const std::vector<AccountKey>& keys, const Secret& password) {
     MachineAccounts accounts(session);
     const std::optional<LdapEntry> account = accounts.Find(state.account);
     if (!account)
         return;
-    const int version = MachineAccounts::KeyVersionOf(*account);
-    const bool accepted = AreAccepted(session.Where(), state, keys, session.End());
+    const int expected = change.Version() + 1;
+    const int told = MachineAccounts::KeyVersionOf(*account);
     // A version that is still the old one is that of a controller that has not heard of it yet.
-    if (accepted && version <= change.Version() + 1)
-        return;
-    if (accepted)
+    const int version = told == before ? expected : told;
+    if (!AreAccepted(session.Where(), state, keys, session.End()))
+        change.Finished(session.Kerberos().MakeKeys(state.account, password), version)->Commit();
+    else if (version != expected)
         change.Finished(keys, version)->Commit();
-    else
-        change
-            .Finished(session.Kerberos().MakeKeys(state.account, password),
-                      std::max(version, change.Version() + 1))
-            ->Commit();
 }
 
 } // namespace
@@ -64,6 +64,8 @@ bool RotateKey(std::chrono::seconds minimumAge) {
     const Deadline deadline = Deadline::In(membershipTime);
     const StateLock lock(membershipLock, deadline);
     const std::optional<DomainState> state = DomainState::Load();
+    if (!state && DomainState::IsDamaged())
+        throw Error(Status::InternalError, std::string(DomainState::Path()) + " is damaged");
     if (!state)
         throw Error(Status::FileNotFound, "the host is not joined to a domain");
 
@@ -79,25 +81,26 @@ bool RotateKey(std::chrono::seconds minimumAge) {
     const std::vector<AccountKey> keys = session.Kerberos().MakeKeys(state->account, password);
     PasswordChange change(session, state->account, std::string("FILE:") + hostKeytab);
 
-    KeyChange keytab(context, *state, MachineAccounts::KeyVersionOf(*account));
+    const int before = MachineAccounts::KeyVersionOf(*account);
+    KeyChange keytab(context, *state, before);
     keytab.Stage(keys);
     const auto finished = keytab.Finished(keys, keytab.Version() + 1);
     finished->Sync();
     try {
         change.Execute(password);
     } catch (const Error& error) {
-        if (!KeyChange::MayStillHappen(error)) {
+        // The answer is lost, or it is one to a question that was repeated; the change may have
+        // been made all the same. Should nobody be there to ask, the keytab has both keys, and the
+        // next login finds out.
+        const std::optional<bool> taken = AreTaken(*state, keys);
+        if (taken == false && !KeyChange::MayStillHappen(error))
             keytab.TakeBack();
-            throw;
-        }
-        // The answer is lost, the change perhaps not. Should nobody be there to ask, the keytab has
-        // both keys, and the next login finds out.
-        if (!AreTaken(*state, keys))
+        if (!taken.value_or(false))
             throw;
     }
     finished->Commit();
     try {
-        Confirm(session, *state, keytab, keys, password);
+        Confirm(session, *state, keytab, before, keys, password);
     } catch (const Error&) {
         // The key has been changed; that nobody is there to confirm it changes nothing.
     }

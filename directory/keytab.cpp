@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
+#include <map>
 #include <optional>
 #include <string_view>
 
@@ -117,9 +118,10 @@ bool IsOneOf(const std::string& name, const std::vector<std::string>& names) {
 
 /// The host's keytab as it is now, or nothing when there is none or an empty file.
 std::optional<Secret> HostKeytabContent() {
-    if (const auto content = ReadFile(hostKeytab); !content || content->empty())
-        return std::nullopt;
-    return ReadSecretFile(hostKeytab);
+    std::optional<Secret> content = ReadSecretFile(hostKeytab);
+    if (content && content->View().empty())
+        content.reset();
+    return content;
 }
 
 /// Calls the function with each entry of a keytab.
@@ -211,12 +213,20 @@ int NewestVersion(const std::vector<KeytabKey>& keys) {
 std::vector<std::string> PrincipalsWithKeysOf(krb5_context context, const DomainState& state) {
     std::vector<std::string> principals = state.KeytabPrincipals();
     const std::vector<KeytabKey> all = ReadHostKeys(context);
+    std::map<std::string, int> newest;
     for (const KeytabKey& key : all) {
-        const bool shared = std::any_of(all.begin(), all.end(), [&](const KeytabKey& other) {
-            return other.name.principal == state.AccountPrincipal() &&
-                   BytesOf(other.key) == BytesOf(key.key);
-        });
-        if (shared && !IsOneOf(key.name.principal, principals))
+        const auto [known, isNew] = newest.emplace(key.name.principal, key.name.version);
+        known->second = std::max(known->second, key.name.version);
+    }
+    for (const KeytabKey& key : all) {
+        // A service may have had the account's key once and have another account's now.
+        if (key.name.version < newest.at(key.name.principal) ||
+            IsOneOf(key.name.principal, principals))
+            continue;
+        if (std::any_of(all.begin(), all.end(), [&](const KeytabKey& other) {
+                return IsOneOf(other.name.principal, state.KeytabPrincipals()) &&
+                       BytesOf(other.key) == BytesOf(key.key);
+            }))
             principals.push_back(key.name.principal);
     }
     return principals;

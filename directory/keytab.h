@@ -46,7 +46,7 @@ std::vector<KeytabKey> ReadHostKeys(krb5_context context,
 int NewestVersion(const std::vector<KeytabKey>& keys);
 
 /// The principals that have a key of the host's account: the account's own, those of its services,
-/// and any other that somebody has put beside them with the same key.
+/// and any other whose newest key somebody has made the same.
 std::vector<std::string> PrincipalsWithKeysOf(krb5_context context, const DomainState& state);
 
 /// A keytab that is nowhere but in memory. (The library's own file format on a disk costs a wait

@@ -51,12 +51,21 @@ std::vector<std::string> PrincipalsFor(const LdapEntry& account, const HostNames
     return principals;
 }
 
-bool SameSet(std::vector<std::string> a, std::vector<std::string> b) {
-    for (auto* list : {&a, &b}) {
-        std::transform(list->begin(), list->end(), list->begin(), LowerCase);
-        std::sort(list->begin(), list->end());
-    }
-    return a == b;
+/// Those of some names that are not among others.
+std::vector<std::string_view> Without(const std::vector<std::string>& names,
+                                      const std::vector<std::string>& others) {
+    std::vector<std::string_view> rest;
+    for (const std::string& name : names)
+        if (std::none_of(others.begin(), others.end(),
+                         [&](const std::string& other) { return EqualNames(other, name); }))
+            rest.push_back(name);
+    return rest;
+}
+
+void AddChange(std::vector<LdapChange>& changes, int operation, const char* attribute,
+               std::vector<std::string_view> values) {
+    if (!values.empty())
+        changes.push_back({operation, attribute, std::move(values)});
 }
 
 } // namespace
@@ -171,8 +180,9 @@ std::vector<LdapChange> MachineAccounts::NameChanges(const LdapEntry& account,
     std::vector<LdapChange> changes;
     if (!EqualNames(account.Value("dNSHostName"), names.fullName))
         changes.push_back({LDAP_MOD_REPLACE, "dNSHostName", {names.fullName}});
-    if (!SameSet(account.Values("servicePrincipalName"), principals))
-        changes.push_back({LDAP_MOD_REPLACE, "servicePrincipalName", Views(principals)});
+    const std::vector<std::string>& registered = account.Values("servicePrincipalName");
+    AddChange(changes, LDAP_MOD_DELETE, "servicePrincipalName", Without(registered, principals));
+    AddChange(changes, LDAP_MOD_ADD, "servicePrincipalName", Without(principals, registered));
     if (account.Value("msDS-SupportedEncryptionTypes") != supportedEncryption)
         changes.push_back(
             {LDAP_MOD_REPLACE, "msDS-SupportedEncryptionTypes", {supportedEncryption}});

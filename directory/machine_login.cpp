@@ -4,31 +4,45 @@
 #include "keytab.h"
 #include "session.h"
 
-#include <algorithm>
+#include <functional>
+#include <map>
+#include <optional>
 
 namespace tessary::directory {
 namespace {
 
-/// The newest of the keys that the keytab has under any of the host's names.
-struct NewestKey {
-    NewestKey(krb5_context context, const DomainState& state) {
-        std::vector<KeytabKey> all = ReadHostKeys(context, state.KeytabPrincipals());
-        version = NewestVersion(all);
-        std::string holder; // each has the same keys
-        for (KeytabKey& key : all) {
-            if (key.name.version != version || (!holder.empty() && key.name.principal != holder))
-                continue;
-            holder = key.name.principal;
-            keys.push_back(std::move(key.key));
-        }
-    }
-
+/// The account's keys of one version.
+struct VersionedKeys {
     int version;
     std::vector<AccountKey> keys;
 };
 
-void Adopt(krb5_context context, const DomainState& state, const NewestKey& newest) {
-    if (NewestVersion(ReadHostKeys(context, {state.AccountPrincipal()})) >= newest.version)
+/// What the keytab has under any of the host's names, the newest first.
+std::vector<VersionedKeys> HostKeysByVersion(krb5_context context, const DomainState& state) {
+    struct Holding {
+        std::string holder; // of several, since each has the same keys
+        std::vector<AccountKey> keys;
+    };
+    std::map<int, Holding, std::greater<>> holdings;
+    for (KeytabKey& key : ReadHostKeys(context, state.KeytabPrincipals())) {
+        Holding& holding = holdings[key.name.version];
+        if (holding.keys.empty())
+            holding.holder = key.name.principal;
+        if (holding.holder == key.name.principal)
+            holding.keys.push_back(std::move(key.key));
+    }
+    std::vector<VersionedKeys> all;
+    for (auto& [version, holding] : holdings)
+        all.push_back({version, std::move(holding.keys)});
+    return all;
+}
+
+int VersionOfAccount(krb5_context context, const DomainState& state) {
+    return NewestVersion(ReadHostKeys(context, {state.AccountPrincipal()}));
+}
+
+void Adopt(krb5_context context, const DomainState& state, const VersionedKeys& newest) {
+    if (VersionOfAccount(context, state) >= newest.version)
         return;
     KeytabReplacement keytab(context, [](const KeytabEntryName&) { return true; });
     keytab.Add({state.AccountPrincipal()}, newest.version, newest.keys);
@@ -36,7 +50,7 @@ void Adopt(krb5_context context, const DomainState& state, const NewestKey& newe
 }
 
 /// Whoever holds the lock is changing the key right now, and will do this himself.
-void AdoptUnlessBusy(krb5_context context, const DomainState& state, const NewestKey& newest) {
+void AdoptUnlessBusy(krb5_context context, const DomainState& state, const VersionedKeys& newest) {
     try {
         const StateLock lock(membershipLock, Deadline::In(std::chrono::seconds(0)));
         Adopt(context, state, newest);
@@ -60,25 +74,11 @@ void LogInAsMachine(KerberosSession& kerberos, const std::string& account,
     }
 }
 
-void LogInAsHost(KerberosSession& kerberos, const DomainState& state, const StateLock* held) {
-    const krb5_context context = kerberos.Context();
-    const int tried = NewestVersion(ReadHostKeys(context, {state.AccountPrincipal()}));
-    try {
-        LogInAsMachine(kerberos, state.account, std::string("FILE:") + hostKeytab);
-    } catch (const Error& error) {
-        const NewestKey newest(context, state);
-        if (error.Code() != Status::MachineKeyRejected || newest.version <= tried)
-            throw;
-        KeytabInMemory keytab(context);
-        keytab.Add({state.AccountPrincipal()}, newest.version, newest.keys);
-        LogInAsMachine(kerberos, state.account, keytab.Name());
-        held ? Adopt(context, state, newest) : AdoptUnlessBusy(context, state, newest);
-    }
-}
+namespace {
 
-bool AreAccepted(const Controller& controller, const DomainState& state,
-                 const std::vector<AccountKey>& keys, const Deadline& deadline) {
-    KerberosSession kerberos(controller.realm, FinderFor(controller, deadline), deadline);
+/// Whether these keys get an initial ticket.
+bool LogsIn(KerberosSession& kerberos, const DomainState& state,
+            const std::vector<AccountKey>& keys) {
     KeytabInMemory keytab(kerberos.Context());
     keytab.Add({state.AccountPrincipal()}, 1, keys);
     try {
@@ -89,6 +89,39 @@ bool AreAccepted(const Controller& controller, const DomainState& state,
             throw;
         return false;
     }
+}
+
+} // namespace
+
+void LogInAsHost(KerberosSession& kerberos, const DomainState& state, const StateLock* held) {
+    const krb5_context context = kerberos.Context();
+    const int tried = VersionOfAccount(context, state);
+    std::optional<Error> refusal;
+    try {
+        return LogInAsMachine(kerberos, state.account, std::string("FILE:") + hostKeytab);
+    } catch (const Error& error) {
+        if (error.Code() != Status::MachineKeyRejected)
+            throw;
+        refusal = error;
+    }
+    for (const VersionedKeys& other : HostKeysByVersion(context, state)) {
+        if (other.version == tried)
+            continue;
+        if (LogsIn(kerberos, state, other.keys)) {
+            if (other.version > tried)
+                held ? Adopt(context, state, other) : AdoptUnlessBusy(context, state, other);
+            return;
+        }
+        if (other.version < tried)
+            break; // a controller is behind by one change, not by more
+    }
+    throw *refusal;
+}
+
+bool AreAccepted(const Controller& controller, const DomainState& state,
+                 const std::vector<AccountKey>& keys, const Deadline& deadline) {
+    KerberosSession kerberos(controller.realm, FinderFor(controller, deadline), deadline);
+    return LogsIn(kerberos, state, keys);
 }
 
 } // namespace tessary::directory

@@ -19,9 +19,10 @@ namespace tessary::directory {
 void LogInAsMachine(KerberosSession& kerberos, const std::string& account,
                     const std::string& keytab, const char* service = nullptr);
 
-/// The same with the host's keytab. Where the domain does not accept the account's key and the
-/// keytab has a newer one that a change of keys has left there (see KeyChange), that one is tried;
-/// if it is the right one, it becomes the account's.
+/// The same with the host's keytab. Where the controller does not accept the account's key, the
+/// newer ones are tried that a change of keys has left there (see KeyChange); one that is right
+/// becomes the account's. Last comes the account's former key: a controller may not have heard of
+/// the latest one.
 /// \param held the membershipLock, if the caller has it; else null
 void LogInAsHost(KerberosSession& kerberos, const DomainState& state,
                  const StateLock* held = nullptr);

@@ -111,15 +111,23 @@ TEST_F(KeyChangeTest, KeyThatWasTakenBackIsGone) {
     EXPECT_THAT(Versions(service), ElementsAre(1));
 }
 
-TEST_F(KeyChangeTest, KeyOfAChangeThatNeverCameAboutGoesWithTheNext) {
+TEST_F(KeyChangeTest, UnansweredChangeStaysUntilALaterOneIsTaken) {
     Change(0, 0);
     KeyChange(context_, state_, 1).Stage(Keys('b'));
-    KeyChange(context_, state_, 1).Stage(Keys('c'));
-    const std::vector<AccountKey> latest = Keys('c');
+    KeyChange refused(context_, state_, 1);
+    refused.Stage(Keys('c'));
+    EXPECT_THAT(Versions(service), ElementsAre(1, 2, 3));
+    refused.TakeBack();
+    EXPECT_THAT(Versions(service), ElementsAre(1, 2));
+    KeyChange taken(context_, state_, 1);
+    taken.Stage(Keys('d'));
+    taken.Finished(Keys('d'), 2)->Commit();
+    const std::vector<AccountKey> latest = Keys('d');
     std::size_t found = 0; // one for each kind of encryption
     for (const KeytabKey& each : ReadHostKeys(context_, {service})) {
-        if (each.name.version != 2)
+        if (each.name.version == 1)
             continue;
+        EXPECT_EQ(each.name.version, 2);
         ASSERT_LT(found, latest.size());
         EXPECT_EQ(Bytes(each.key), Bytes(latest[found++]));
     }
@@ -163,6 +171,18 @@ TEST_F(KeyChangeTest, OtherServicesWithTheAccountsKeyGetTheNewOne) {
     EXPECT_THAT(Versions("HTTP/web1.corp.example@CORP.EXAMPLE"), ElementsAre(1, 2));
     EXPECT_THAT(Versions("nfs/web1.corp.example@CORP.EXAMPLE"), ElementsAre(1))
         << "this one is another account's";
+}
+
+TEST_F(KeyChangeTest, ServiceThatHasAnotherAccountNowKeepsItsKeys) {
+    const std::string moved = "HTTP/web1.corp.example@CORP.EXAMPLE";
+    Change(0, 0);
+    KeytabReplacement others(context_, std::vector<std::string>());
+    others.Add({moved}, 1, Keys('a'));
+    others.Add({moved}, 12, Keys('n'));
+    others.Commit();
+    Change(1, 0);
+    EXPECT_THAT(Versions(moved), ElementsAre(1, 12));
+    EXPECT_THAT(PrincipalsWithKeysOf(context_, state_), testing::Not(testing::Contains(moved)));
 }
 
 TEST_F(KeyChangeTest, ControllerThatIsBehindIsNotBelieved) {

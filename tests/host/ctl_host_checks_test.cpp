@@ -150,11 +150,11 @@ INSTANTIATE_TEST_SUITE_P(
               "mkdir -m 0700 " STATE " && echo nonsense > " STORE " && chmod 0600 " STORE,
               "configuration store",
               "failure: " STORE ": cannot open the configuration store: file is not a database -> "
-              "mv " STORE " " STORE ".old, then tesauthctl join DOMAIN -U USER\n",
+              "mv " STORE " " STORE ".old && tesauthctl join DOMAIN -U USER\n",
               nullptr},
         Fault{"StoreIsAFolder", "mkdir -m 0700 " STATE " " STORE, "configuration store",
               "failure: " STORE " is no regular file -> mv " STORE " " STORE
-              ".old, then tesauthctl join DOMAIN -U USER\n",
+              ".old && tesauthctl join DOMAIN -U USER\n",
               nullptr},
         Fault{"StoreOpen", MAKE_STORE "chmod 0640 " STORE, "configuration store",
               "failure: others than its owner may look into " STORE " (mode 0640) -> "

@@ -1,0 +1,345 @@
+// A new machine key while something goes wrong.
+
+#include "lab_key_rotation.h"
+
+namespace lab_key_rotation {
+namespace {
+
+using testing::ElementsAre;
+
+TEST_F(LabKeyRotation, RefusalLeavesTheKeytabAsItWas) {
+    const std::string before = Content(hostKeytab);
+    atChange = [](const auto&, int* result) {
+        *result = KRB5_KPASSWD_SOFTERROR;
+        return 0;
+    };
+    EXPECT_EQ(StatusOfRotation(), Status::PasswordRefused);
+    EXPECT_EQ(Content(hostKeytab), before);
+    atChange = [](const auto&, int* result) {
+        *result = KRB5_KPASSWD_ACCESSDENIED;
+        return 0;
+    };
+    EXPECT_EQ(StatusOfRotation(), Status::AccessDenied);
+    EXPECT_EQ(Content(hostKeytab), before);
+    ExpectAllWorks();
+}
+
+TEST_F(LabKeyRotation, FailureOfTheServiceIsNoRefusal) {
+    for (const int result : {KRB5_KPASSWD_HARDERROR, KRB5_KPASSWD_AUTHERROR}) {
+        const int before = VersionInDomain();
+        atChange = [&](const auto& real, int* told) {
+            EXPECT_EQ(real(), 0);
+            *told = result;
+            return 0;
+        };
+        EXPECT_EQ(StatusOfRotation(), Status::Success) << "it was asked whether the key is taken";
+        EXPECT_EQ(VersionInDomain(), before + 1);
+        ExpectAllWorks();
+    }
+}
+
+TEST_F(LabKeyRotation, KeyOfTheFutureIsNotYoung) {
+    // The clock was a year ahead when the key came.
+    std::string keytab = Content(hostKeytab);
+    const std::uint32_t now = htonl(static_cast<std::uint32_t>(std::time(nullptr)));
+    const std::string century(reinterpret_cast<const char*>(&now), 2);
+    for (std::size_t at = keytab.find(century); at != std::string::npos;
+         at = keytab.find(century, at + 1))
+        keytab[at] = static_cast<char>(keytab[at] + 2);
+    std::ofstream(hostKeytab, std::ios::binary) << keytab;
+    EXPECT_TRUE(RotateKey(std::chrono::hours(1)));
+    EXPECT_FALSE(RotateKey(std::chrono::hours(1))) << "the key of before is still in the keytab";
+    ExpectAllWorks();
+}
+
+TEST_F(LabKeyRotation, NextRotationMendsOneThatWasBrokenOff) {
+    const int before = VersionInDomain();
+    atChange = [](const auto& real, int*) -> krb5_error_code {
+        real();
+        Die();
+    };
+    RotateInProcessThatDies();
+    atChange = nullptr;
+    EXPECT_EQ(StatusOfRotation(), Status::Success);
+    EXPECT_EQ(VersionInDomain(), before + 2);
+    ExpectAllWorks();
+}
+
+TEST_F(LabKeyRotation, HostWithoutAKeyIsToldSo) {
+    const std::string keytab = Content(hostKeytab);
+    std::remove(hostKeytab);
+    EXPECT_EQ(StatusOfRotation(), Status::MachineKeyRejected);
+    EXPECT_EQ(TestMachineTrust(), MachineTrust::KeyRejected);
+    std::ofstream(hostKeytab, std::ios::binary) << keytab;
+    ExpectAllWorks();
+}
+
+TEST_F(LabKeyRotation, JoiningAgainLeavesOtherServicesTheirPrincipals) {
+    const DomainState state = DomainState::Load().value();
+    Session admin(LocateController(state.domain, {}, Deadline::In(queryTime)),
+                  UserName::Parse(Lab("ADMIN")), Lab("PASSWORD").c_str(), Deadline::In(queryTime));
+    admin.Ldap().Modify(
+        state.accountDn,
+        {{LDAP_MOD_ADD, "servicePrincipalName", {"HTTP/host1.corp.example", "HOST/former"}}},
+        admin.End());
+    Join();
+    EXPECT_THAT(admin.Ldap()
+                    .Read(state.accountDn, {"servicePrincipalName"}, admin.End())
+                    .Values("servicePrincipalName"),
+                testing::UnorderedElementsAre(
+                    "HOST/host1", "HOST/host1.corp.example", "RestrictedKrbHost/host1",
+                    "RestrictedKrbHost/host1.corp.example", "HTTP/host1.corp.example"));
+}
+
+TEST_F(LabKeyRotation, LostAnswerIsLookedInto) {
+    const int before = VersionInDomain();
+    atChange = [](const auto& real, int*) {
+        EXPECT_EQ(real(), 0);
+        return static_cast<krb5_error_code>(KRB5_KDC_UNREACH);
+    };
+    EXPECT_EQ(StatusOfRotation(), Status::Success);
+    EXPECT_EQ(VersionInDomain(), before + 1);
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before, before + 1));
+    ExpectAllWorks();
+}
+
+TEST_F(LabKeyRotation, LostQuestionLeavesTheOldKey) {
+    const int before = VersionInDomain();
+    atChange = [](const auto&, int*) { return static_cast<krb5_error_code>(KRB5_KDC_UNREACH); };
+    EXPECT_EQ(StatusOfRotation(), Status::NoController);
+    EXPECT_EQ(VersionInDomain(), before);
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before));
+    ExpectAllWorks();
+    atChange = nullptr;
+    EXPECT_EQ(StatusOfRotation(), Status::Success);
+    EXPECT_THAT(VersionsOfService(), ElementsAre(before, before + 1));
+    ExpectAllWorks();
+}
+
+TEST_F(LabKeyRotation, ControllerThatFreezesAfterTheChangeCostsNothing) {
+    const int before = VersionInDomain();
+    atChange = [](const auto& real, int*) {
+        EXPECT_EQ(real(), 0);
+        RunLab("freeze dc1");
+        return static_cast<krb5_error_code>(KRB5_KDC_UNREACH);
+    };
+    EXPECT_EQ(StatusOfRotation(), Status::NoController);
+    RunLab("thaw dc1");
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before));
+    EXPECT_THAT(VersionsOfService(), ElementsAre(before, before + 1));
+    LoginProgram program;
+    EXPECT_EQ(LogIn(program), 0) << "no repair was needed for this";
+    ExpectAllWorks();
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before, before + 1)) << "found out and kept";
+}
+
+TEST_F(LabKeyRotation, ProcessThatDiesAfterTheChangeCostsNothing) {
+    const int before = VersionInDomain();
+    atChange = [](const auto& real, int*) -> krb5_error_code {
+        real();
+        Die();
+    };
+    RotateInProcessThatDies();
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before));
+    ExpectAllWorks();
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before, before + 1));
+    atChange = nullptr;
+    EXPECT_EQ(StatusOfRotation(), Status::Success);
+    ExpectAllWorks();
+}
+
+TEST_F(LabKeyRotation, ProcessThatDiesBeforeTheChangeCostsNothing) {
+    const int before = VersionInDomain();
+    atChange = [](const auto&, int*) -> krb5_error_code { Die(); };
+    RotateInProcessThatDies();
+    EXPECT_EQ(VersionInDomain(), before);
+    ExpectAllWorks();
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before)) << "the key that was not taken is not";
+    atChange = nullptr;
+    EXPECT_EQ(StatusOfRotation(), Status::Success);
+    ExpectAllWorks();
+}
+
+TEST_F(LabKeyRotation, KeytabThatCannotBeReplacedStopsItFirst) {
+    const int before = VersionInDomain();
+    const std::string keytab = Content(hostKeytab);
+    // What is mounted on cannot be replaced.
+    ASSERT_EQ(mount(hostKeytab, hostKeytab, nullptr, MS_BIND, nullptr), 0);
+    EXPECT_EQ(StatusOfRotation(), Status::InternalError);
+    ASSERT_EQ(umount2(hostKeytab, MNT_DETACH), 0);
+    EXPECT_EQ(VersionInDomain(), before);
+    EXPECT_EQ(Content(hostKeytab), keytab);
+}
+
+TEST_F(LabKeyRotation, KeytabThatCannotBeReplacedInTheEndWorksAllTheSame) {
+    const int before = VersionInDomain();
+    atChange = [](const auto& real, int*) {
+        const krb5_error_code code = real();
+        EXPECT_EQ(mount(hostKeytab, hostKeytab, nullptr, MS_BIND, nullptr), 0);
+        return code;
+    };
+    EXPECT_EQ(StatusOfRotation(), Status::InternalError);
+    ExpectAllWorks();
+    ASSERT_EQ(umount2(hostKeytab, MNT_DETACH), 0);
+    ExpectAllWorks();
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before, before + 1));
+}
+
+TEST_F(LabKeyRotation, JoinAgainWhoseAnswerIsLostCostsNothing) {
+    const int before = VersionInDomain();
+    afterModify = [] {
+        afterModify = nullptr;
+        // The change is on its way; its answer will not come.
+        usleep(200'000);
+        RunLab("cut dc1");
+    };
+    try {
+        Join();
+        ADD_FAILURE() << "the controller was not there any more";
+    } catch (const Error& error) {
+        EXPECT_EQ(error.Code(), Status::TimedOut) << error.what();
+    }
+    RunLab("join dc1");
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before));
+    ExpectAllWorks();
+    EXPECT_EQ(VersionInDomain(), before + 1);
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before, before + 1));
+}
+
+TEST(LabKeyRotationWithoutDomain, HostThatIsNotJoinedHasNoKey) {
+    try {
+        RotateKey(std::chrono::seconds(0));
+        ADD_FAILURE() << "there was nothing to rotate";
+    } catch (const Error& error) {
+        EXPECT_EQ(error.Code(), Status::FileNotFound);
+    }
+}
+
+TEST_F(LabKeyRotation, RefusalOfARepeatedQuestionIsLookedInto) {
+    const int before = VersionInDomain();
+    atChange = [](const auto& real, int* result) {
+        EXPECT_EQ(real(), 0);
+        *result = KRB5_KPASSWD_SOFTERROR;
+        return 0;
+    };
+    EXPECT_EQ(StatusOfRotation(), Status::Success);
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before, before + 1));
+    ExpectAllWorks();
+}
+
+TEST_F(LabKeyRotation, SaltThatWasGuessedWrongIsMended) {
+    const int before = VersionInDomain();
+    wrongSalts = std::size(encryptionTypes);
+    EXPECT_EQ(StatusOfRotation(), Status::Success);
+    EXPECT_EQ(wrongSalts, 0);
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before, before + 1));
+    ExpectAllWorks();
+}
+
+TEST_F(LabKeyRotation, VersionIsTheOneThatTheDomainCameTo) {
+    const int before = VersionInDomain();
+    const DomainState state = DomainState::Load().value();
+    atChange = [&](const auto& real, int*) {
+        Session admin = AsAdministrator(state);
+        const Secret other = EncodeUnicodePassword("Another.Password.1234");
+        admin.Ldap().Modify(state.accountDn, {{LDAP_MOD_REPLACE, "unicodePwd", {other.View()}}},
+                            admin.End());
+        return real();
+    };
+    EXPECT_EQ(StatusOfRotation(), Status::Success);
+    EXPECT_EQ(VersionInDomain(), before + 2);
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before, before + 2));
+    EXPECT_THAT(VersionsOfService(), ElementsAre(before, before + 2));
+    ExpectAllWorks();
+}
+
+TEST_F(LabKeyRotation, KeytabThatIsAheadComesBack) {
+    const int before = VersionInDomain();
+    AddKeys(before + 3, Keys::Current); // as one that another domain counted
+    EXPECT_EQ(StatusOfRotation(), Status::Success);
+    EXPECT_EQ(VersionInDomain(), before + 1);
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before, before + 1));
+    EXPECT_THAT(VersionsOfService(), ElementsAre(before, before + 1));
+    ExpectAllWorks();
+}
+
+TEST_F(LabKeyRotation, ControllerThatIsBehindTakesTheFormerKey) {
+    const int before = VersionInDomain();
+    AddKeys(before + 1, Keys::Strange);
+    ExpectAllWorks();
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before, before + 1)) << "nothing to put in force";
+}
+
+TEST_F(LabKeyRotation, UnansweredChangeOutlivesTheNextRefusal) {
+    const int before = VersionInDomain();
+    atChange = [](const auto&, int*) -> krb5_error_code { Die(); };
+    RotateInProcessThatDies();
+    ASSERT_THAT(VersionsOfService(), ElementsAre(before, before + 1));
+    atChange = [](const auto&, int* result) {
+        *result = KRB5_KPASSWD_SOFTERROR;
+        return 0;
+    };
+    EXPECT_EQ(StatusOfRotation(), Status::PasswordRefused);
+    EXPECT_THAT(VersionsOfService(), ElementsAre(before, before + 1))
+        << "another controller may have taken it";
+    atChange = nullptr;
+    EXPECT_EQ(StatusOfRotation(), Status::Success);
+    EXPECT_THAT(VersionsOfService(), ElementsAre(before, before + 1));
+    ExpectAllWorks();
+}
+
+TEST_F(LabKeyRotation, AccountThatWasMadeAnewHasNoneOfTheOldKeys) {
+    const DomainState state = DomainState::Load().value();
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(StatusOfRotation(), Status::Success);
+    Session admin = AsAdministrator(state);
+    admin.Ldap().Delete(state.accountDn, admin.End());
+    admin.Ldap().Add(state.accountDn,
+                     {{LDAP_MOD_ADD, "objectClass", {"computer"}},
+                      {LDAP_MOD_ADD, "sAMAccountName", {state.account}},
+                      {LDAP_MOD_ADD, "userAccountControl", {"4096"}}},
+                     admin.End());
+    Join();
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(VersionInDomain()));
+    EXPECT_THAT(VersionsOfService(), ElementsAre(VersionInDomain()));
+    ExpectAllWorks();
+}
+
+TEST_F(LabKeyRotation, RenamedHostKeepsItsKeysUntilItHasOthers) {
+    const std::string file = DomainState::Path();
+    const std::string keytab = Content(hostKeytab);
+    ASSERT_EQ(sethostname("renamed", 7), 0);
+    // What is mounted on cannot be replaced.
+    ASSERT_EQ(mount(file.c_str(), file.c_str(), nullptr, MS_BIND, nullptr), 0);
+    EXPECT_THROW(Join(), Error);
+    ASSERT_EQ(umount2(file.c_str(), MNT_DETACH), 0);
+    EXPECT_EQ(Content(hostKeytab), keytab);
+    EXPECT_EQ(TestMachineTrust(), MachineTrust::Good);
+
+    EXPECT_NO_THROW(Join());
+    EXPECT_EQ(TestMachineTrust(), MachineTrust::Good);
+    EXPECT_THAT(PrincipalsInKeytab(), testing::Contains("RENAMED$@CORP.EXAMPLE"));
+    EXPECT_THAT(PrincipalsInKeytab(), testing::Not(testing::Contains("HOST1$@CORP.EXAMPLE")));
+    LeaveDomain(Lab("ADMIN"), Lab("PASSWORD").c_str());
+    ASSERT_EQ(sethostname("host1", 5), 0);
+    Join(); // takes the old account over, which is gone with the end of the test then
+}
+
+TEST_F(LabKeyRotation, OtherServicesOfTheHostLeaveWithIt) {
+    const std::string service = "HTTP/host1.corp.example@CORP.EXAMPLE";
+    AddKeys(VersionInDomain(), Keys::Current, {service});
+    AddKeys(1, Keys::Strange, {"nfs/host1.corp.example@CORP.EXAMPLE"});
+    LeaveDomain(Lab("ADMIN"), Lab("PASSWORD").c_str());
+    EXPECT_THAT(PrincipalsInKeytab(), ElementsAre("nfs/host1.corp.example@CORP.EXAMPLE"));
+    std::remove(hostKeytab);
+}
+
+TEST_F(LabKeyRotation, DamagedMembershipIsNoneToBeSilentAbout) {
+    const std::string state = Content(DomainState::Path());
+    std::ofstream(DomainState::Path()) << "nonsense\n";
+    EXPECT_EQ(StatusOfRotation(), Status::InternalError);
+    std::ofstream(DomainState::Path()) << state;
+}
+
+} // namespace
+} // namespace lab_key_rotation
