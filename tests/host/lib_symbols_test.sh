@@ -30,6 +30,7 @@ for wanted in 'ThrowMappedException\(unsigned int\)' 'ThrowMappedProxyException\
     'typeinfo for tessary::authentication::WSATimedOutException' \
     'RequestState::WaitResult\(int\)' 'TesauthThreadUtil::SetScheduler' \
     'ActiveDirectoryStore::StartOrAttachToRequest' 'GetKeyValuePair' \
+    'operator>>\(.*SystemConfiguration::PAMPolicy&\)' 'typeinfo for SystemConfiguration::InvalidDatabaseException' \
     'Singleton<tessary::authentication::AuthenticationStoreFactory>::_instance'; do
     expect symbols "$symbols" "$wanted"
 done
