@@ -203,6 +203,10 @@ INSTANTIATE_TEST_SUITE_P(
              "hosts: files\n"},
         Line{"PositionIsCountedFromTheStart", "rpc: a [x] bcdefghij klm nop", // 7 + 9 = 16
              "rpc: a [x] ghij klm nop\n"},
+        Line{"PositionIsThatWithoutACarriageReturn", "\rrpc: a [x] bcdefghij klm nop",
+             "rpc: a [x] ghij klm nop\n"},
+        Line{"PositionIsThatWithOtherLeadingSpace", "\vrpc: a [x] bcdefghij klm nop", // 8 + 10
+             "rpc: a [x] hij klm nop\n"},
         Line{"PositionIsThatWithoutLeadingSpace", "   rpc: a [x] bcdefghij klm nop",
              "rpc: a [x] ghij klm nop\n"},
         Line{"PositionAtTheEnd", "rpc: a [x] bcdef", "rpc: a [x]\n"}, // 16 characters

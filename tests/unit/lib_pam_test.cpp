@@ -315,6 +315,10 @@ TEST(PAMEntryTest, WordsCrossLineEnds) {
     EXPECT_EQ(entry.module(), "x.so");
     EXPECT_THAT(entry.parameters(), ElementsAre("p"));
     EXPECT_EQ(EntryOf("required\n").module(), "") << "nothing is left";
+    PAMEntry used(PAMControl::Optional, "old.so");
+    std::istringstream in("required");
+    in >> used;
+    EXPECT_EQ(used.module(), "");
 }
 
 TEST(PAMStackTest, FindsTheFirstOfAModule) {
