@@ -1,6 +1,7 @@
 # What every target of this project has in common.
 
 option(TESAUTH_WERROR "Treat warnings as errors" OFF)
+option(TESAUTH_FUZZ "Build the fuzz harnesses, and everything as they need it; takes clang" OFF)
 set(TESAUTH_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize= takes them")
 
 set(CMAKE_CXX_STANDARD 20)
@@ -26,6 +27,9 @@ if(TESAUTH_SANITIZE)
   add_compile_options(-fsanitize=${TESAUTH_SANITIZE} -fno-sanitize-recover=all
                       -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${TESAUTH_SANITIZE})
+endif()
+if(TESAUTH_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link) # a fuzzer sees which code an input reaches
 endif()
 if(NOT TESAUTH_SANITIZE)
   add_link_options(-Wl,--no-undefined) # sanitizer run-times resolve in the executable
