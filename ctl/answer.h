@@ -19,6 +19,7 @@ struct Answer {
     Json json;
     std::optional<Failure> failure = std::nullopt;
     ExitCode exitCode = ExitCode::Done; ///< of an answer that is itself bad news
+    bool isFileText = false;            ///< whole lines, told byte for byte, unless to a terminal
 };
 
 } // namespace ctl

@@ -4,11 +4,28 @@
 #include <algorithm>
 #include <iostream>
 
+#include "command_line_files.h"
+
 namespace ctl {
 
 namespace {
 
 constexpr const char* exitCodes = "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 not permitted";
+
+constexpr const char* readsFile =
+    "Reads the file as the library does and changes nothing. A file with a line that the library\n"
+    "does not take for what it is, is refused with the line's number.";
+
+constexpr const char* changesLines =
+    "Changes only the line concerned and keeps every other byte of the file, because comments,\n"
+    "spacing, order and lines of other programs are the administrator's. With --rewrite it writes\n"
+    "the whole file anew in the library's form, which loses all these, for those who want it so.\n"
+    "Either way the difference is shown first, and before the first change a backup is made,\n"
+    "FILE.tesauth-backup, which `restore` puts back.";
+
+constexpr const char* restoresFile =
+    "Puts back every byte of FILE.tesauth-backup, because any other way could lose some, and\n"
+    "removes the backup. The difference is shown first.";
 
 constexpr int longestTimeoutSeconds = 86400;
 
@@ -54,6 +71,28 @@ const Verb verbs[] = {
      "tesauthctl option get UserVars.ActiveDirectoryVerifyAPXCertificate", false, GetOption},
     {"option", "set", "Set an advanced option of this host",
      "tesauthctl option set UserVars.ActiveDirectoryVerifyAPXCertificate 1", true, SetOption},
+    {"pam", "show", "Print a PAM policy as the library reads and writes it",
+     "tesauthctl pam show /etc/pam.d/login", false, ShowPolicy, readsFile},
+    {"pam", "find", "Print the first entry that has a module",
+     "tesauthctl pam find /etc/pam.d/login auth pam_unix.so", false, FindEntry, readsFile},
+    {"pam", "add", "Add an entry to a PAM policy",
+     "tesauthctl pam add /etc/pam.d/common-auth auth \"[success=2 default=ignore]\" pam_sss.so "
+     "use_first_pass --after pam_unix.so",
+     false, AddEntry, changesLines},
+    {"pam", "remove", "Remove the first entry that has a module from a PAM policy",
+     "tesauthctl pam remove /etc/pam.d/common-auth auth pam_sss.so", false, RemoveEntry,
+     changesLines},
+    {"pam", "restore", "Put back what a PAM policy was before the first change",
+     "tesauthctl pam restore /etc/pam.d/common-auth", false, Restore, restoresFile},
+    {"nss", "show", "Print the name-service switch as the library reads and writes it",
+     "tesauthctl nss show /etc/nsswitch.conf", false, ShowSwitch, readsFile},
+    {"nss", "add", "Add a service to a database of the name-service switch",
+     "tesauthctl nss add /etc/nsswitch.conf passwd sss --after files", false, AddService,
+     changesLines},
+    {"nss", "remove", "Remove a service from a database of the name-service switch",
+     "tesauthctl nss remove /etc/nsswitch.conf passwd sss", false, RemoveService, changesLines},
+    {"nss", "restore", "Put back what the name-service switch was before the first change",
+     "tesauthctl nss restore /etc/nsswitch.conf", false, Restore, restoresFile},
 };
 
 struct Group {
@@ -66,6 +105,8 @@ constexpr Group groups[] = {
     {"dcs", "Domain controllers that this host asks first"},
     {"smartcard", "Services that take smart cards"},
     {"option", "Advanced options of this host"},
+    {"pam", "Entries of a PAM policy, in the file of a service"},
+    {"nss", "Services of the name-service switch, in its file"},
 };
 
 const CLI::Validator
@@ -169,6 +210,7 @@ void AddArguments(const Verb& verb, CLI::App& app, Arguments& arguments) {
     if (verb.run == SetOption) {
         app.add_option("VALUE", arguments.value, "New value")->required();
     }
+    AddFileArguments(verb, app, arguments.file);
     if (IsBoundedQuestion(verb)) {
         AddTimeout(app, arguments.timeoutSeconds);
     }
@@ -178,7 +220,8 @@ void AddVerb(const Verb& verb, CLI::App& parent, CommandLine& line) {
     CLI::App* app = parent.add_subcommand(verb.name, verb.description);
     AddArguments(verb, *app, line.arguments);
     app->add_flag("--json", line.arguments.json, "Answer in JSON");
-    app->footer(std::string("Example: ") + verb.example + "\n" + exitCodes);
+    app->footer((verb.note == nullptr ? "" : verb.note + std::string("\n")) +
+                "Example: " + verb.example + "\n" + exitCodes);
     app->callback([&verb, &line] { line.verb = &verb; });
 }
 
@@ -215,7 +258,8 @@ CommandLine ParseCommandLine(int argc, char** argv) {
         AddVerb(verb, verb.group == nullptr ? app : *app.get_subcommand(verb.group), line);
     }
     try {
-        app.parse(argc, argv);
+        app.parse(MarkWords(argc, argv));
+        RemoveMarks(line.arguments.file);
     } catch (const CLI::ParseError& error) {
         line.verb = nullptr;
         line.exitCode = Refuse(app, error);

@@ -14,6 +14,7 @@ struct Verb {
     const char* example;
     bool changesHost; ///< needs root
     Answer (*run)(const Arguments& arguments);
+    const char* note = nullptr; ///< what else its help says
 };
 
 /// What a command line comes to: a verb to run, or, when that is null, an exit code; help, version

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <unistd.h>
 
 namespace ctl {
 
@@ -41,9 +42,13 @@ std::string Harmless(const std::string& text) {
     return WithoutControls(text, [](unsigned char number) { return number == '\n' ? '\n' : '?'; });
 }
 
-bool WriteLine(std::FILE* stream, const std::string& line) {
-    const bool written = std::fputs((line + "\n").c_str(), stream) >= 0;
+bool Write(std::FILE* stream, const std::string& text) {
+    const bool written = std::fwrite(text.data(), 1, text.size(), stream) == text.size();
     return std::fflush(stream) == 0 && written;
+}
+
+bool WriteLine(std::FILE* stream, const std::string& line) {
+    return Write(stream, line + "\n");
 }
 
 /// Names are bytes to us; those that are no UTF-8 must not keep the rest from being told. JSON
@@ -59,12 +64,23 @@ std::string Dump(const Json& json) {
     });
 }
 
-ExitCode WriteAnswer(const std::string& answer) {
-    if (WriteLine(stdout, answer)) {
+ExitCode WriteText(const std::string& text) {
+    if (Write(stdout, text)) {
         return ExitCode::Done;
     }
     Notify("cannot write the answer to standard output");
     return ExitCode::Failed;
+}
+
+ExitCode WriteAnswer(const std::string& answer) {
+    return WriteText(answer + "\n");
+}
+
+/// A file's tabs and line ends stay.
+std::string ForTerminal(const std::string& text) {
+    return WithoutControls(text, [](unsigned char number) {
+        return number == '\n' || number == '\t' ? static_cast<char>(number) : '?';
+    });
 }
 
 void Complain(const Failure& failure) {
@@ -114,7 +130,9 @@ Json ToJson(const Failure& failure) {
 
 ExitCode Tell(const Answer& answer, bool asJson) {
     ExitCode written = ExitCode::Done;
-    if (asJson || !answer.text.empty()) { // an empty list has no line
+    if (answer.isFileText && !asJson) {
+        written = TellFileText(answer.text) ? ExitCode::Done : ExitCode::Failed;
+    } else if (asJson || !answer.text.empty()) { // an empty list has no line
         written = WriteAnswer(asJson ? Dump(answer.json) : Harmless(answer.text));
     }
     if (!answer.failure) {
@@ -134,6 +152,10 @@ ExitCode Tell(const Failure& failure, bool asJson) {
 
 bool TellLine(const std::string& line) {
     return WriteAnswer(OneLine(line)) == ExitCode::Done;
+}
+
+bool TellFileText(const std::string& text) {
+    return WriteText(isatty(STDOUT_FILENO) != 0 ? ForTerminal(text) : text) == ExitCode::Done;
 }
 
 void Notify(const std::string& line) {

@@ -34,6 +34,10 @@ ExitCode Tell(const Answer& answer, bool asJson);
 /// line. When it cannot be written, says so on standard error and returns false.
 bool TellLine(const std::string& line);
 
+/// Writes lines of a file to standard output, byte for byte; to a terminal without what that would
+/// obey. When they cannot be written, says so on standard error and returns false.
+bool TellFileText(const std::string& text);
+
 /// Writes a failure, its cause and its hint to standard error, and as JSON to standard output when
 /// asked to. Wrong usage is told in text only: a command line that makes no sense may not have
 /// asked at all.

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "answer.h"
+#include "file_arguments.h"
 #include "password.h"
 
 namespace ctl {
@@ -23,6 +24,7 @@ struct Arguments {
     std::string user;               ///< who does it; empty when the host itself does
     PasswordSource password;
     bool skipHostnameCheck = false;
+    FileArguments file;
 };
 
 Answer ListStores(const Arguments& arguments);
@@ -49,6 +51,17 @@ Answer SetSmartCardServices(const Arguments& arguments);
 
 Answer GetOption(const Arguments& arguments);
 Answer SetOption(const Arguments& arguments);
+
+Answer ShowPolicy(const Arguments& arguments);
+Answer FindEntry(const Arguments& arguments);
+Answer AddEntry(const Arguments& arguments);
+Answer RemoveEntry(const Arguments& arguments);
+
+Answer ShowSwitch(const Arguments& arguments);
+Answer AddService(const Arguments& arguments);
+Answer RemoveService(const Arguments& arguments);
+
+Answer Restore(const Arguments& arguments);
 
 } // namespace ctl
 

@@ -2,6 +2,7 @@
 find_package(nlohmann_json REQUIRED)
 
 add_library(tesauth_ctl_test_host STATIC
+  ${CMAKE_CURRENT_LIST_DIR}/ctl_file_fixture.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ctl_host.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ctl_process.cpp
   ${PROJECT_SOURCE_DIR}/tests/support/scripted_host.cpp)
@@ -15,9 +16,20 @@ add_dependencies(tesauth_ctl_test_host scripted_provider scripted_provider_witho
 
 foreach(name ctl_usage_test ctl_status_test ctl_directory_test ctl_membership_test
              ctl_password_test ctl_settings_test ctl_lists_test ctl_cause_test ctl_diagnose_test
-             ctl_host_checks_test ctl_rotate_key_test)
+             ctl_host_checks_test ctl_rotate_key_test ctl_pam_test ctl_nss_test
+             ctl_file_change_test)
   tesauth_host_test(${name} SOURCES ${name}.cpp LIBRARIES tesauth_ctl_test_host)
 endforeach()
+
+# The command's editors by themselves, over more files than it could be run for.
+find_path(DTL_INCLUDE_DIR dtl/dtl.hpp REQUIRED)
+set(file_editors_of_ctl file_backup.cpp file_change.cpp file_replacement.cpp file_snapshot.cpp lines.cpp
+    nss_file.cpp nss_line.cpp output.cpp pam_file.cpp unified_diff.cpp)
+list(TRANSFORM file_editors_of_ctl PREPEND ${PROJECT_SOURCE_DIR}/ctl/)
+tesauth_host_test(ctl_file_edit_test
+  SOURCES ctl_file_edit_test.cpp ${file_editors_of_ctl} LIBRARIES tesauth nlohmann_json::nlohmann_json)
+target_include_directories(ctl_file_edit_test PRIVATE ${PROJECT_SOURCE_DIR}/ctl)
+target_include_directories(ctl_file_edit_test SYSTEM PRIVATE ${DTL_INCLUDE_DIR})
 
 # Without systemd-analyze it counts as skipped, for all to see.
 tesauth_host_script(ctl_units_test SCRIPT ctl_units_test.sh)
