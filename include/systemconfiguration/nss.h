@@ -21,6 +21,7 @@
 #include <map>
 #include <string>
 
+#include "systemconfiguration/comparison.h"
 #include "tesauth/export.h"
 
 namespace SystemConfiguration {
@@ -75,8 +76,9 @@ public:
     bool operator==(const std::string& name) const;
     bool operator==(Database database) const;
 
-    /// The name. Throws InvalidDatabaseException for a value without one. Kept on purpose: its
-    /// message is "Invalid Database: " without its first N characters, N being the value.
+    /// The name, as std::string(database). Throws InvalidDatabaseException for a value without one.
+    /// Kept on purpose: its message is "Invalid Database: " without its first N characters, N being
+    /// the value.
     operator std::string() const;
     operator Database() const;
 

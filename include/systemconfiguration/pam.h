@@ -22,6 +22,7 @@
 #include <map>
 #include <string>
 
+#include "systemconfiguration/comparison.h"
 #include "tesauth/export.h"
 
 namespace SystemConfiguration {
@@ -84,7 +85,8 @@ public:
     bool operator==(const std::string& keyword) const;
     bool operator==(Control control) const;
 
-    /// The keyword, or the list of actions.
+    /// The keyword, or the list of actions. Ask for it as std::string(control): in braces, or
+    /// assigned to a string that is there, the conversion to a number is in the way.
     ///
     /// Throws InvalidControlException for a value without one. Kept on purpose: its message is
     /// "Invalid Control: " without its first N characters, N being the value.
@@ -123,8 +125,9 @@ public:
     bool operator==(const std::string& keyword) const;
     bool operator==(Facility facility) const;
 
-    /// The keyword. Throws InvalidFacilityException for a value without one. Kept on purpose: its
-    /// message is "Invalid Facility: " without its first N characters, N being the value.
+    /// The keyword, as std::string(facility). Throws InvalidFacilityException for a value without
+    /// one. Kept on purpose: its message is "Invalid Facility: " without its first N characters, N
+    /// being the value.
     operator std::string() const;
     operator Facility() const;
 
@@ -183,7 +186,12 @@ public:
     Entries& entries() { return entries_; }
     const Entries& entries() const { return entries_; }
 
-    /// The position of the first entry with exactly this module, or entries().end().
+    Entries::iterator begin() { return entries_.begin(); }
+    Entries::iterator end() { return entries_.end(); }
+    Entries::const_iterator begin() const { return entries_.begin(); }
+    Entries::const_iterator end() const { return entries_.end(); }
+
+    /// The position of the first entry with exactly this module, or end().
     Entries::iterator find(const std::string& module);
     Entries::const_iterator find(const std::string& module) const;
 

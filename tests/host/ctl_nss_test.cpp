@@ -312,9 +312,9 @@ TEST_F(NssTest, AHundredThousandLines) {
     }
     Fill(lines + "passwd: files\n");
     Done(Nss("add", {"passwd", "sss"}));
-    EXPECT_EQ(Text(), lines + "passwd: files sss\n");
-    EXPECT_THAT(Done(Nss("remove", {"passwd", "sss", "--rewrite"})),
-                HasSubstr("@@ -1,100001 +1 @@\n"));
+    EXPECT_TRUE(Text() == lines + "passwd: files sss\n"); // too much to be told
+    const std::string shown = Done(Nss("remove", {"passwd", "sss", "--rewrite"}));
+    EXPECT_THAT(shown.substr(0, 200), HasSubstr("@@ -1,100001 +1 @@\n"));
     EXPECT_EQ(Text(), "passwd: files\n");
 }
 

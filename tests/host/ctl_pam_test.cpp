@@ -369,10 +369,12 @@ TEST_F(PamTest, AHundredThousandLines) {
                            " auth required module50002.so # kept\n") +
                   ChangedLine(file));
     Done(Pam("remove", {"auth", "x.so"}));
-    EXPECT_EQ(Text(), lines);
-    EXPECT_THAT(Done(Pam("remove", {"auth", "module0.so", "--rewrite"})),
-                HasSubstr("@@ -1,100000 +1,100002 @@\n"));
-    EXPECT_THAT(Text(), HasSubstr("\nauth\trequired\tmodule99999.so\t# kept \n\n"));
+    EXPECT_TRUE(Text() == lines); // too much to be told
+    const std::string shown = Done(Pam("remove", {"auth", "module0.so", "--rewrite"}));
+    EXPECT_THAT(shown.substr(0, 200), HasSubstr("@@ -1,100000 +1,100002 @@\n"));
+    const std::string text = Text();
+    EXPECT_THAT(text.substr(text.size() - 100),
+                HasSubstr("\nauth\trequired\tmodule99999.so\t# kept \n\n"));
 }
 
 } // namespace

@@ -78,6 +78,12 @@ TEST_P(DatabaseTest, HasItsName) {
     assigned = value;
     EXPECT_TRUE(assigned == std::string(text));
     EXPECT_TRUE(assigned == value);
+    const NSSDatabase::Database another =
+        value == NSSDatabase::Rpc ? NSSDatabase::Hosts : NSSDatabase::Rpc;
+    EXPECT_FALSE(assigned == another);
+    EXPECT_FALSE(assigned == static_cast<std::string>(NSSDatabase(another)));
+    EXPECT_TRUE(assigned != another);
+    EXPECT_TRUE(std::string(text) == assigned);
     EXPECT_EQ(Rewritten(std::string(text) + ": files"), std::string(text) + ": files\n");
 }
 
@@ -215,6 +221,9 @@ INSTANTIATE_TEST_SUITE_P(
         Line{"BracketAtOnce", "hosts: files[NOTFOUND=return]\n", "hosts: files[NOTFOUND=return]\n"},
         Line{"OpenBracket", "hosts: files [a b\n", "hosts: files [a b] [a b\n"},
         Line{"BracketAlone", "hosts: a  [\n", "hosts: a [\n"},
+        // "g" begins at 16; what closes is at 18, and 18 + 18 is the "G".
+        Line{"ClosingBracketBehindALaterService", "rpc: a [x] bcdefg ] 0123456789ABCDEFGHIJ",
+             "rpc: a [x] g GHIJ\n"},
         Line{"ClosingBracketInTheWord", "hosts: a]  b\n", "hosts: a] b\n"}),
     [](const auto& instance) { return instance.param.what; });
 
@@ -253,6 +262,13 @@ TEST(NSSConfigurationTest, AddsToWhatItHas) {
     Read("passwd: a\n", configuration);
     Read("passwd: b\n", configuration);
     EXPECT_EQ(Written(configuration), "passwd: a b\n");
+}
+
+TEST(NSSConfigurationTest, ReadingEndsWithALineThatCannotBeRead) {
+    NSSConfiguration configuration;
+    std::istringstream in("passwd: a\n");
+    in >> configuration;
+    EXPECT_TRUE(in.eof() && in.fail());
 }
 
 TEST(NSSConfigurationTest, StreamThatHasFailedIsLeftAlone) {

@@ -90,6 +90,9 @@ TEST_P(ControlTest, HasItsKeyword) {
     EXPECT_TRUE(assigned == value);
     EXPECT_FALSE(assigned == PAMControl());
     EXPECT_FALSE(PAMControl() == std::string(keyword));
+    EXPECT_FALSE(assigned == PAMControl::None);
+    EXPECT_TRUE(assigned != PAMControl::None);
+    EXPECT_TRUE(std::string(keyword) == assigned);
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, ControlTest,
@@ -150,7 +153,10 @@ TEST(PAMControlTest, MessageIsShortenedByTheValue) {
 TEST(PAMControlTest, TextThatWasGivenIsNotLookedAt) {
     EXPECT_EQ(Text(PAMControl(PAMControl::Bracketed, "anything")), "anything");
     EXPECT_EQ(Text(PAMControl(PAMControl::Bracketed)), "");
-    EXPECT_EQ(Text(PAMControl(PAMControl::Required, "[ok]")), "required");
+    PAMControl control(PAMControl::Required, "[ok]");
+    EXPECT_EQ(Text(control), "required");
+    control = PAMControl::Bracketed;
+    EXPECT_EQ(Text(control), "[ok]");
 }
 
 TEST(PAMControlTest, StaleTextStaysUnused) {
@@ -168,6 +174,7 @@ TEST(PAMControlTest, ComparesListsOfActionsByTheirTexts) {
     const PAMControl one(std::string("[a=1]")), other(std::string("[a=2]"));
     EXPECT_TRUE(one == PAMControl(std::string("[a=1]")));
     EXPECT_FALSE(one == other);
+    EXPECT_TRUE(one != other);
     EXPECT_FALSE(one == PAMControl(PAMControl::Required, "[a=1]"));
     EXPECT_FALSE(PAMControl(PAMControl::Required, "[a=1]") == one);
     EXPECT_TRUE(one == std::string("[a=1]"));
@@ -199,6 +206,11 @@ TEST_P(FacilityTest, HasItsKeyword) {
     assigned = value;
     EXPECT_TRUE(assigned == std::string(keyword));
     EXPECT_TRUE(assigned == value);
+    EXPECT_FALSE(assigned == PAMFacility::None);
+    const std::string another = value == PAMFacility::Auth ? "session" : "auth";
+    EXPECT_FALSE(assigned == another);
+    EXPECT_TRUE(assigned != another);
+    EXPECT_TRUE(value == assigned);
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, FacilityTest,
@@ -310,6 +322,15 @@ TEST(PAMEntryTest, ParametersAreWordsOfTheRestOfTheLine) {
     EXPECT_THAT(EntryOf("required x.so \t \n two").parameters(), IsEmpty());
 }
 
+TEST(PAMEntryTest, TakesItsLineEndWithIt) {
+    std::istringstream in("required x.so p\nrest\n");
+    PAMEntry entry;
+    in >> entry;
+    std::string rest;
+    std::getline(in, rest);
+    EXPECT_EQ(rest, "rest");
+}
+
 TEST(PAMEntryTest, WordsCrossLineEnds) {
     const PAMEntry entry = EntryOf("required\n\n x.so p\n");
     EXPECT_EQ(entry.module(), "x.so");
@@ -327,11 +348,13 @@ TEST(PAMStackTest, FindsTheFirstOfAModule) {
     stack.entries().emplace_back(PAMControl::Optional, "b.so");
     stack.entries().emplace_back(PAMControl::Sufficient, "b.so");
     const auto found = stack.find("b.so");
-    EXPECT_EQ(found - stack.entries().begin(), 1);
+    EXPECT_EQ(found - stack.begin(), 1);
+    EXPECT_TRUE(stack.find("c.so") == stack.end());
     EXPECT_TRUE(stack.find("B.so") == stack.entries().end());
     EXPECT_TRUE(stack.find("b") == stack.entries().end());
     const PAMStack& same = std::as_const(stack);
-    EXPECT_EQ(same.find("b.so") - same.entries().begin(), 1);
+    EXPECT_EQ(same.find("b.so") - same.begin(), 1);
+    EXPECT_TRUE(same.find("c.so") == same.end());
     EXPECT_TRUE(same.find("/b.so") == same.entries().end());
     stack.entries().erase(found);
     stack.entries().insert(stack.find("b.so"), PAMEntry(PAMControl::Include, "c"));
@@ -416,6 +439,29 @@ TEST(PAMPolicyTest, StreamThatHasFailedIsLeftAlone) {
     in.clear();
     in >> policy;
     EXPECT_EQ(policy[PAMFacility::Auth].entries().size(), 1u) << "nothing was taken from it";
+}
+
+TEST(PAMPolicyTest, StreamEndsAsItsTextDoes) {
+    PAMPolicy policy("x");
+    std::istringstream whole("auth required a.so\n");
+    whole >> policy;
+    EXPECT_TRUE(whole.eof() && !whole.fail());
+    std::istringstream cut("auth required a.so");
+    cut >> policy;
+    EXPECT_TRUE(cut.eof() && cut.fail());
+    EXPECT_EQ(policy[PAMFacility::Auth].entries().size(), 2u);
+}
+
+TEST(PAMPolicyTest, EntryThatCannotBeReadMakesNoStack) {
+    PAMPolicy policy("x");
+    std::istringstream in("session required a.so\nauth maybe b.so\n");
+    EXPECT_EQ(MessageOfControl([&] { in >> policy; }), "Invalid Control: maybe");
+    EXPECT_EQ(Written(policy), "#%PAM-1.0\n\nsession\trequired\ta.so\t\n\n");
+}
+
+TEST(PAMPolicyTest, KeywordEndsWhereItsTextDoes) {
+    EXPECT_THROW(PolicyOf(std::string("auth\0 required a.so\n", 20)), InvalidFacilityException);
+    EXPECT_THROW(PAMControl(std::string("required\0", 9)), InvalidControlException);
 }
 
 TEST(PAMPolicyTest, WhatWasReadBeforeAnErrorStays) {
