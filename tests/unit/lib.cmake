@@ -29,4 +29,5 @@ tesauth_lib_test(lib_exceptions_test lib_exceptions_test.cpp)
 tesauth_lib_test(lib_files_test lib_atomic_file_stream_test.cpp lib_configuration_test.cpp)
 tesauth_lib_test(lib_ad_cache_test lib_ad_cache_test.cpp)
 tesauth_lib_test(lib_requests_test lib_requests_test.cpp)
-tesauth_lib_test(lib_systemconfiguration_test lib_nss_test.cpp lib_pam_test.cpp)
+tesauth_lib_test(lib_systemconfiguration_test
+  lib_nss_test.cpp lib_pam_test.cpp lib_pam_values_test.cpp)

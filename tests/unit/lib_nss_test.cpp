@@ -8,6 +8,7 @@
 
 #include <gmock/gmock.h>
 
+#include "lib_systemconfiguration.h"
 #include "systemconfiguration/nss.h"
 
 namespace {
@@ -15,23 +16,6 @@ namespace {
 using namespace SystemConfiguration;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-template <typename Function>
-std::string MessageOf(Function function) {
-    try {
-        function();
-    } catch (const InvalidDatabaseException& exception) {
-        return exception.what();
-    }
-    return "nothing was thrown";
-}
-
-template <typename Value>
-std::string Written(const Value& value) {
-    std::ostringstream out;
-    out << value;
-    return out.str();
-}
 
 /// Reads a text; what cannot be read is thrown.
 void Read(const std::string& text, NSSConfiguration& configuration) {
@@ -94,10 +78,11 @@ TEST(NSSDatabaseTest, OtherTextsAreNone) {
     EXPECT_EQ(sizeof(NSSDatabase::Database), 4u);
     for (const std::string text : {"Passwd", "", "passwd:", " passwd", "gshadow", "sudoers"}) {
         const std::string message = "Invalid Database: " + text;
-        EXPECT_EQ(MessageOf([&] { NSSDatabase database(text); }), message);
+        EXPECT_EQ(MessageOf<InvalidDatabaseException>([&] { NSSDatabase database(text); }),
+                  message);
         NSSDatabase database(NSSDatabase::Rpc);
-        EXPECT_EQ(MessageOf([&] { database = text; }), message);
-        EXPECT_EQ(MessageOf([&] { (void)(database == text); }), message);
+        EXPECT_EQ(MessageOf<InvalidDatabaseException>([&] { database = text; }), message);
+        EXPECT_EQ(MessageOf<InvalidDatabaseException>([&] { (void)(database == text); }), message);
         EXPECT_TRUE(database == NSSDatabase::Rpc) << "it is left as it was";
     }
 }
@@ -106,7 +91,7 @@ TEST(NSSDatabaseTest, MessageIsShortenedByTheValue) {
     const std::string message = "Invalid Database: ";
     ASSERT_EQ(message.size(), 18u);
     const auto messageFor = [](unsigned value) {
-        return MessageOf([&] {
+        return MessageOf<InvalidDatabaseException>([&] {
             (void)static_cast<std::string>(NSSDatabase(static_cast<NSSDatabase::Database>(value)));
         });
     };
@@ -254,7 +239,7 @@ TEST(NSSConfigurationTest, ListThatIsAskedForIsThere) {
     configuration[NSSDatabase::Passwd].push_front(NSSService("x"));
     EXPECT_EQ(Written(configuration), "passwd: x\nshadow:\n");
     configuration[static_cast<NSSDatabase::Database>(16)];
-    EXPECT_EQ(MessageOf([&] { Written(configuration); }), ": ");
+    EXPECT_EQ(MessageOf<InvalidDatabaseException>([&] { Written(configuration); }), ": ");
 }
 
 TEST(NSSConfigurationTest, AddsToWhatItHas) {

@@ -1,12 +1,13 @@
-// PAM policies: the values, what is read and what is written.
+// PAM policies: what is read and what is written.
 
-#include <list>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <utility>
 
 #include <gmock/gmock.h>
 
+#include "lib_systemconfiguration.h"
 #include "systemconfiguration/pam.h"
 
 namespace {
@@ -14,33 +15,6 @@ namespace {
 using namespace SystemConfiguration;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-template <typename Function>
-std::string MessageOfControl(Function function) {
-    try {
-        function();
-    } catch (const InvalidControlException& exception) {
-        return exception.what();
-    }
-    return "nothing was thrown";
-}
-
-template <typename Function>
-std::string MessageOfFacility(Function function) {
-    try {
-        function();
-    } catch (const InvalidFacilityException& exception) {
-        return exception.what();
-    }
-    return "nothing was thrown";
-}
-
-template <typename Value>
-std::string Written(const Value& value) {
-    std::ostringstream out;
-    out << value;
-    return out.str();
-}
 
 PAMPolicy PolicyOf(const std::string& text) {
     PAMPolicy policy("test");
@@ -68,193 +42,6 @@ std::string Text(const PAMControl& control) {
     return static_cast<std::string>(control);
 }
 
-struct ControlKeyword {
-    PAMControl::Control value;
-    unsigned number;
-    const char* keyword;
-};
-
-class ControlTest : public testing::TestWithParam<ControlKeyword> {};
-
-TEST_P(ControlTest, HasItsKeyword) {
-    const auto& [value, number, keyword] = GetParam();
-    EXPECT_EQ(static_cast<unsigned>(value), number);
-    const PAMControl parsed{std::string(keyword)};
-    EXPECT_EQ(static_cast<PAMControl::Control>(parsed), value);
-    EXPECT_EQ(Text(parsed), keyword);
-    EXPECT_EQ(Text(PAMControl(value)), keyword);
-    PAMControl assigned;
-    assigned = value;
-    EXPECT_TRUE(assigned == parsed);
-    EXPECT_TRUE(assigned == std::string(keyword));
-    EXPECT_TRUE(assigned == value);
-    EXPECT_FALSE(assigned == PAMControl());
-    EXPECT_FALSE(PAMControl() == std::string(keyword));
-    EXPECT_FALSE(assigned == PAMControl::None);
-    EXPECT_TRUE(assigned != PAMControl::None);
-    EXPECT_TRUE(std::string(keyword) == assigned);
-}
-
-INSTANTIATE_TEST_SUITE_P(Table, ControlTest,
-                         testing::Values(ControlKeyword{PAMControl::Required, 1, "required"},
-                                         ControlKeyword{PAMControl::Requisite, 2, "requisite"},
-                                         ControlKeyword{PAMControl::Sufficient, 3, "sufficient"},
-                                         ControlKeyword{PAMControl::Optional, 4, "optional"},
-                                         ControlKeyword{PAMControl::Include, 5, "include"},
-                                         ControlKeyword{PAMControl::Substack, 6, "substack"}),
-                         [](const auto& instance) { return instance.param.keyword; });
-
-TEST(PAMControlTest, TakesTheRoomOf32BitsForItsKind) {
-    EXPECT_EQ(sizeof(PAMControl::Control), 4u);
-    EXPECT_EQ(PAMControl::None, 0u);
-    EXPECT_EQ(PAMControl::Bracketed, 7u);
-    EXPECT_EQ(static_cast<PAMControl::Control>(PAMControl()), PAMControl::None);
-}
-
-TEST(PAMControlTest, OtherTextsAreNone) {
-    for (const std::string text :
-         {"Required", "REQUIRED", "require", "requiredx", " required", "required ", "", "none",
-          "[ok", "ok]", "x[ok]", "[", "]", "[ok] "}) {
-        const std::string message = "Invalid Control: " + text;
-        EXPECT_EQ(MessageOfControl([&] { PAMControl control(text); }), message);
-        PAMControl control(PAMControl::Optional);
-        EXPECT_EQ(MessageOfControl([&] { control = text; }), message);
-        EXPECT_TRUE(control == PAMControl::Optional) << "it is left as it was";
-        EXPECT_EQ(MessageOfControl([&] { (void)(control == text); }), message);
-    }
-}
-
-TEST(PAMControlTest, ListOfActionsIsKeptAsItIs) {
-    for (const std::string text : {"[]", "[default=ok]", "[ a\t b ]", "[[x]", "[]]"}) {
-        const PAMControl control(text);
-        EXPECT_TRUE(control == PAMControl::Bracketed) << text;
-        EXPECT_EQ(Text(control), text);
-    }
-}
-
-TEST(PAMControlTest, MessageIsShortenedByTheValue) {
-    const std::string message = "Invalid Control: ";
-    ASSERT_EQ(message.size(), 17u);
-    const auto messageFor = [](unsigned value) {
-        return MessageOfControl([&] { Text(PAMControl(static_cast<PAMControl::Control>(value))); });
-    };
-    EXPECT_EQ(messageFor(0), message);
-    EXPECT_EQ(MessageOfControl([] { Text(PAMControl()); }), message);
-    EXPECT_EQ(messageFor(8), "Control: ");
-    EXPECT_EQ(messageFor(9), "ontrol: ");
-    EXPECT_EQ(messageFor(16), " ");
-    EXPECT_EQ(messageFor(17), "");
-    EXPECT_EQ(messageFor(18), "");
-    EXPECT_EQ(messageFor(1000000), "");
-    EXPECT_EQ(messageFor(0x7fffffff), "");
-    EXPECT_EQ(messageFor(0xffffffff), "");
-}
-
-TEST(PAMControlTest, TextThatWasGivenIsNotLookedAt) {
-    EXPECT_EQ(Text(PAMControl(PAMControl::Bracketed, "anything")), "anything");
-    EXPECT_EQ(Text(PAMControl(PAMControl::Bracketed)), "");
-    PAMControl control(PAMControl::Required, "[ok]");
-    EXPECT_EQ(Text(control), "required");
-    control = PAMControl::Bracketed;
-    EXPECT_EQ(Text(control), "[ok]");
-}
-
-TEST(PAMControlTest, StaleTextStaysUnused) {
-    PAMControl control(std::string("[default=ok]"));
-    control = std::string("required");
-    EXPECT_EQ(Text(control), "required");
-    EXPECT_TRUE(control == PAMControl(PAMControl::Required)) << "whatever the text";
-    control = PAMControl::Bracketed;
-    EXPECT_EQ(Text(control), "[default=ok]") << "it was never taken away";
-    control = std::string("[x]");
-    EXPECT_EQ(Text(control), "[x]");
-}
-
-TEST(PAMControlTest, ComparesListsOfActionsByTheirTexts) {
-    const PAMControl one(std::string("[a=1]")), other(std::string("[a=2]"));
-    EXPECT_TRUE(one == PAMControl(std::string("[a=1]")));
-    EXPECT_FALSE(one == other);
-    EXPECT_TRUE(one != other);
-    EXPECT_FALSE(one == PAMControl(PAMControl::Required, "[a=1]"));
-    EXPECT_FALSE(PAMControl(PAMControl::Required, "[a=1]") == one);
-    EXPECT_TRUE(one == std::string("[a=1]"));
-    EXPECT_FALSE(one == std::string("[a=2]"));
-    EXPECT_FALSE(one == std::string("no control at all")) << "it is compared, not looked up";
-    EXPECT_FALSE(PAMControl(PAMControl::Required) == std::string("[a=1]"));
-}
-
-struct FacilityKeyword {
-    PAMFacility::Facility value;
-    unsigned number;
-    const char* keyword;
-};
-
-class FacilityTest : public testing::TestWithParam<FacilityKeyword> {};
-
-TEST_P(FacilityTest, HasItsKeyword) {
-    const auto& [value, number, keyword] = GetParam();
-    EXPECT_EQ(static_cast<unsigned>(value), number);
-    const PAMFacility parsed{std::string(keyword)};
-    EXPECT_EQ(static_cast<PAMFacility::Facility>(parsed), value);
-    EXPECT_EQ(static_cast<std::string>(PAMFacility(value)), keyword);
-    EXPECT_EQ(Written(parsed), keyword);
-    PAMFacility assigned;
-    assigned = std::string(keyword);
-    EXPECT_TRUE(assigned == parsed);
-    assigned = PAMFacility::None;
-    EXPECT_FALSE(assigned == parsed);
-    assigned = value;
-    EXPECT_TRUE(assigned == std::string(keyword));
-    EXPECT_TRUE(assigned == value);
-    EXPECT_FALSE(assigned == PAMFacility::None);
-    const std::string another = value == PAMFacility::Auth ? "session" : "auth";
-    EXPECT_FALSE(assigned == another);
-    EXPECT_TRUE(assigned != another);
-    EXPECT_TRUE(value == assigned);
-}
-
-INSTANTIATE_TEST_SUITE_P(Table, FacilityTest,
-                         testing::Values(FacilityKeyword{PAMFacility::Account, 1, "account"},
-                                         FacilityKeyword{PAMFacility::Auth, 2, "auth"},
-                                         FacilityKeyword{PAMFacility::Password, 3, "password"},
-                                         FacilityKeyword{PAMFacility::Session, 4, "session"}),
-                         [](const auto& instance) { return instance.param.keyword; });
-
-TEST(PAMFacilityTest, OtherTextsAreNone) {
-    EXPECT_EQ(sizeof(PAMFacility::Facility), 4u);
-    for (const std::string text : {"Auth", "auths", "", "-session", "@include", "none"}) {
-        const std::string message = "Invalid Facility: " + text;
-        EXPECT_EQ(MessageOfFacility([&] { PAMFacility facility(text); }), message);
-        PAMFacility facility(PAMFacility::Auth);
-        EXPECT_EQ(MessageOfFacility([&] { facility = text; }), message);
-        EXPECT_EQ(MessageOfFacility([&] { (void)(facility == text); }), message);
-        std::istringstream in(text);
-        EXPECT_EQ(MessageOfFacility([&] { in >> facility; }), message);
-        EXPECT_TRUE(facility == PAMFacility::Auth) << "it is left as it was";
-    }
-}
-
-TEST(PAMFacilityTest, MessageIsShortenedByTheValue) {
-    const auto messageFor = [](unsigned value) {
-        return MessageOfFacility(
-            [&] { Written(PAMFacility(static_cast<PAMFacility::Facility>(value))); });
-    };
-    EXPECT_EQ(MessageOfFacility([] { Written(PAMFacility()); }), "Invalid Facility: ");
-    EXPECT_EQ(messageFor(5), "id Facility: ");
-    EXPECT_EQ(messageFor(17), " ");
-    EXPECT_EQ(messageFor(18), "");
-    EXPECT_EQ(messageFor(0xffffffff), "");
-}
-
-TEST(PAMFacilityTest, IsReadAsAWord) {
-    std::istringstream in("\n\t auth\nsession");
-    PAMFacility facility;
-    in >> facility;
-    EXPECT_TRUE(facility == PAMFacility::Auth);
-    in >> facility;
-    EXPECT_TRUE(facility == PAMFacility::Session);
-}
-
 TEST(PAMEntryTest, ComparesControlsByTheirKindsOnly) {
     const PAMEntry one(PAMControl(std::string("[a=1]")), "x.so");
     const PAMEntry other(PAMControl(std::string("[b=2]")), "x.so");
@@ -278,7 +65,7 @@ TEST(PAMEntryTest, IsWrittenWithTabsAndAFinalTabOrBlank) {
     EXPECT_EQ(Written(entry), "required\tpam_unix.so\t");
     entry.parameters() = {"a", "b=c"};
     EXPECT_EQ(Written(entry), "required\tpam_unix.so\ta b=c ");
-    EXPECT_EQ(MessageOfControl([] { Written(PAMEntry()); }), "Invalid Control: ");
+    EXPECT_EQ(MessageOf<InvalidControlException>([] { Written(PAMEntry()); }), "Invalid Control: ");
 }
 
 TEST(PAMEntryTest, JoinsAListOfActionsWithSingleBlanks) {
@@ -292,14 +79,15 @@ TEST(PAMEntryTest, JoinsAListOfActionsWithSingleBlanks) {
 }
 
 TEST(PAMEntryTest, ListOfActionsWithoutAnEndIsNone) {
-    EXPECT_EQ(MessageOfControl([] { EntryOf("[a  b x.so\n"); }), "Invalid Control: [a b x.so");
-    EXPECT_EQ(MessageOfControl([] { EntryOf("[a"); }), "Invalid Control: [a");
+    EXPECT_EQ(MessageOf<InvalidControlException>([] { EntryOf("[a  b x.so\n"); }),
+              "Invalid Control: [a b x.so");
+    EXPECT_EQ(MessageOf<InvalidControlException>([] { EntryOf("[a"); }), "Invalid Control: [a");
 }
 
 TEST(PAMEntryTest, StreamStandsBehindAControlThatIsNone) {
     PAMEntry entry;
     std::istringstream in("maybe x.so y");
-    EXPECT_EQ(MessageOfControl([&] { in >> entry; }), "Invalid Control: maybe");
+    EXPECT_EQ(MessageOf<InvalidControlException>([&] { in >> entry; }), "Invalid Control: maybe");
     std::string rest;
     std::getline(in, rest);
     EXPECT_EQ(rest, " x.so y");
@@ -373,7 +161,7 @@ TEST(PAMStackTest, HasAFacility) {
     EXPECT_TRUE(copy.Facility() == PAMFacility::Session);
     PAMStack unset;
     unset.entries().emplace_back(PAMControl::Required, "a.so");
-    EXPECT_EQ(MessageOfFacility([&] { Written(unset); }), "Invalid Facility: ");
+    EXPECT_EQ(MessageOf<InvalidFacilityException>([&] { Written(unset); }), "Invalid Facility: ");
 }
 
 TEST(PAMPolicyTest, GroupsTheStacksInTheOrderOfTheirNumbers) {
@@ -412,7 +200,8 @@ TEST(PAMPolicyTest, OnlyAFirstWordBeginsAComment) {
     EXPECT_THAT(entry.parameters(), ElementsAre("#", "note"));
     EXPECT_EQ(policy[PAMFacility::Session].entries().size(), 1u);
     EXPECT_TRUE(policy[PAMFacility::Auth].entries().empty());
-    EXPECT_EQ(MessageOfControl([] { PolicyOf("auth # required a.so\n"); }), "Invalid Control: #");
+    EXPECT_EQ(MessageOf<InvalidControlException>([] { PolicyOf("auth # required a.so\n"); }),
+              "Invalid Control: #");
 }
 
 TEST(PAMPolicyTest, StackThatIsAskedForIsThere) {
@@ -455,7 +244,7 @@ TEST(PAMPolicyTest, StreamEndsAsItsTextDoes) {
 TEST(PAMPolicyTest, EntryThatCannotBeReadMakesNoStack) {
     PAMPolicy policy("x");
     std::istringstream in("session required a.so\nauth maybe b.so\n");
-    EXPECT_EQ(MessageOfControl([&] { in >> policy; }), "Invalid Control: maybe");
+    EXPECT_EQ(MessageOf<InvalidControlException>([&] { in >> policy; }), "Invalid Control: maybe");
     EXPECT_EQ(Written(policy), "#%PAM-1.0\n\nsession\trequired\ta.so\t\n\n");
 }
 
@@ -477,7 +266,9 @@ TEST(PAMPolicyTest, WhatWasReadBeforeAnErrorStays) {
         PAMPolicy policy("x");
         std::istringstream in(text);
         const auto read = [&] { in >> policy; };
-        EXPECT_EQ(control ? MessageOfControl(read) : MessageOfFacility(read), message);
+        EXPECT_EQ(control ? MessageOf<InvalidControlException>(read)
+                          : MessageOf<InvalidFacilityException>(read),
+                  message);
         EXPECT_EQ(Written(policy), "#%PAM-1.0\n\nauth\trequired\ta.so\t\n\n") << text;
     }
 }
@@ -492,13 +283,6 @@ TEST(PAMPolicyTest, ReadsWhatItWrote) {
     const std::string text = "session [a  b] s.so x  y\nauth required a.so\naccount include c";
     const std::string written = Written(PolicyOf(text));
     EXPECT_EQ(Written(PolicyOf(written)), written);
-}
-
-TEST(PAMExceptionTest, BelongToTheStandardFamilyAlone) {
-    const InvalidControlException control("one");
-    const InvalidFacilityException facility("two");
-    EXPECT_STREQ(static_cast<const std::exception&>(control).what(), "one");
-    EXPECT_STREQ(static_cast<const std::exception&>(facility).what(), "two");
 }
 
 } // namespace
