@@ -1,18 +1,23 @@
 #include "kdc_exchange.h"
 
 #include "error.h"
+#include "operation.h"
 
 #include <arpa/inet.h>
 
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <string>
 
 namespace tessary::directory {
 namespace {
 
 constexpr std::uint32_t largestAnswer = 1 << 20;
+
+constexpr int mostRepeated = 2;
+constexpr timespec pause{0, 100'000'000};
 
 void Wait(int fd, short events, const Deadline& deadline) {
     if (!WaitFor(fd, events, deadline))
@@ -49,14 +54,9 @@ void Receive(int fd, char* data, std::size_t size, const Deadline& deadline) {
     }
 }
 
-} // namespace
-
-std::vector<char> ExchangeWithKdc(const SocketAddress& kdc, std::string_view message,
-                                  const Deadline& deadline) {
+std::vector<char> ExchangeOnce(const SocketAddress& kdc, std::string_view framed,
+                               const Deadline& deadline) {
     const UniqueFd fd = Connect(kdc, deadline);
-    const std::uint32_t length = htonl(static_cast<std::uint32_t>(message.size()));
-    std::string framed(reinterpret_cast<const char*>(&length), sizeof length);
-    framed += message;
     Send(fd.Get(), framed, deadline);
 
     std::uint32_t answerLength = 0;
@@ -67,6 +67,27 @@ std::vector<char> ExchangeWithKdc(const SocketAddress& kdc, std::string_view mes
     std::vector<char> answer(answerLength);
     Receive(fd.Get(), answer.data(), answer.size(), deadline);
     return answer;
+}
+
+} // namespace
+
+std::vector<char> ExchangeWithKdc(const SocketAddress& kdc, std::string_view message,
+                                  const Deadline& deadline) {
+    const std::uint32_t length = htonl(static_cast<std::uint32_t>(message.size()));
+    std::string framed(reinterpret_cast<const char*>(&length), sizeof length);
+    framed += message;
+    for (int repeated = 0;; ++repeated) {
+        try {
+            return ExchangeOnce(kdc, framed, deadline);
+        } catch (const Error& error) {
+            if (error.Code() != Status::NoController || repeated == mostRepeated ||
+                deadline.Passed())
+                throw;
+        }
+        // Busy with many hosts at once, it drops connections that it has just taken.
+        const Waiting waiting;
+        nanosleep(&pause, nullptr);
+    }
 }
 
 } // namespace tessary::directory

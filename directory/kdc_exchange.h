@@ -10,7 +10,8 @@
 
 namespace tessary::directory {
 
-/// Sends a Kerberos message over TCP and receives the answer.
+/// Sends a Kerberos message over TCP and receives the answer. Where the connection is closed before
+/// that, it asks again, twice at most.
 /// \throws Error ConnectionRefused, TimedOut or NoController
 std::vector<char> ExchangeWithKdc(const SocketAddress& kdc, std::string_view message,
                                   const Deadline& deadline);

@@ -18,6 +18,10 @@ tesauth_lab_test(adldap_plugin
   DCS 2 IN host1)
 target_include_directories(adldap_plugin PRIVATE ${PROJECT_SOURCE_DIR}/src/provider)
 
+tesauth_host_test(adldap_kdc_exchange
+  SOURCES adldap_kdc_exchange_test.cpp
+  LIBRARIES tesauth_directory)
+
 tesauth_host_test(adldap_resolver
   SOURCES adldap_resolver_test.cpp
   LIBRARIES tesauth_directory)
