@@ -62,6 +62,11 @@ std::string BackupNameOf(const std::string& file) {
     return file + ".tesauth-backup";
 }
 
+std::optional<FileSnapshot> ReadBackup(const std::string& file) {
+    const std::string name = BackupNameOf(file);
+    return IsThere(name) ? ReadIfThere(name, Links::Refuse) : std::nullopt;
+}
+
 FileBackup::FileBackup(const std::string& file, const FileSnapshot& snapshot)
     : name_(BackupNameOf(file)) {
     if (IsThere(name_)) {

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "file_backup.h"
+#include "file_lock.h"
 #include "file_replacement.h"
 #include "output.h"
 #include "unified_diff.h"
@@ -62,6 +63,8 @@ Answer ChangeFile(const FileArguments& arguments, bool asJson, const FileSnapsho
         return {"", Described(file, diff, false)};
     }
     CheckThatReplaceable(file, true);
+    const FileLock lock(TargetOf(file, true));
+    CheckThatNobodyChangedIt(file, before, ReadIfThere(file));
     FileBackup backup(file, before);
     ReplaceFile(file, before, before, content);
     backup.Keep();
@@ -73,7 +76,7 @@ Answer ChangeFile(const FileArguments& arguments, bool asJson, const FileSnapsho
 Answer RestoreFile(const FileArguments& arguments, bool asJson) {
     const std::string& file = arguments.file;
     const std::string name = BackupNameOf(file);
-    const auto backup = ReadIfThere(name);
+    const auto backup = ReadBackup(file);
     if (!backup) {
         throw HintedError("there is no " + name,
                           "a backup is made when the file is changed for the first time");
@@ -83,8 +86,11 @@ Answer RestoreFile(const FileArguments& arguments, bool asJson) {
     const bool differs = !diff.empty() || !now;
     Show(diff, asJson);
     if (!arguments.dryRun) {
+        CheckThatReplaceable(file, now.has_value());
+        const FileLock lock(TargetOf(file, now.has_value()));
+        CheckThatNobodyChangedIt(name, backup, ReadBackup(file));
+        CheckThatNobodyChangedIt(file, now, ReadIfThere(file));
         if (differs) {
-            CheckThatReplaceable(file, now.has_value());
             ReplaceFile(file, now, now ? *now : *backup, backup->content);
         }
         if (unlink(name.c_str()) != 0) {

@@ -48,23 +48,6 @@ private:
     bool committed_ = false;
 };
 
-/// The file itself, where the name is a link to it.
-std::string TargetOf(const std::string& name, bool isThere) {
-    struct stat status = {};
-    if (!isThere) {
-        if (lstat(name.c_str(), &status) == 0) {
-            throw HintedError(name + " is a symbolic link to nothing", "remove it, or mend it");
-        }
-        return name;
-    }
-    const std::unique_ptr<char, decltype(&std::free)> path(realpath(name.c_str(), nullptr),
-                                                           &std::free);
-    if (path == nullptr) {
-        ThrowFileError("cannot find " + name, errno);
-    }
-    return path.get();
-}
-
 void WriteContent(Writer& writer, const FileSnapshot& model, const std::string& content,
                   const std::string& target) {
     errno = 0;
@@ -86,15 +69,31 @@ void WriteContent(Writer& writer, const FileSnapshot& model, const std::string& 
     MakeLike(model, file.Get(), target);
 }
 
-void CheckThatNobodyChangedIt(const std::string& name, const std::optional<FileSnapshot>& before) {
-    const auto now = ReadIfThere(name);
+} // namespace
+
+std::string TargetOf(const std::string& name, bool isThere) {
+    struct stat status = {};
+    if (!isThere) {
+        if (lstat(name.c_str(), &status) == 0) {
+            throw HintedError(name + " is a symbolic link to nothing", "remove it, or mend it");
+        }
+        return name;
+    }
+    const std::unique_ptr<char, decltype(&std::free)> path(realpath(name.c_str(), nullptr),
+                                                           &std::free);
+    if (path == nullptr) {
+        ThrowFileError("cannot find " + name, errno);
+    }
+    return path.get();
+}
+
+void CheckThatNobodyChangedIt(const std::string& name, const std::optional<FileSnapshot>& before,
+                              const std::optional<FileSnapshot>& now) {
     if (now.has_value() != before.has_value() || (now && now->content != before->content)) {
         throw HintedError(name + " was changed by somebody else meanwhile",
                           "look at it and try again; it was left as it is");
     }
 }
-
-} // namespace
 
 void CheckThatReplaceable(const std::string& name, bool isThere) {
     const std::string target = TargetOf(name, isThere);
@@ -112,7 +111,7 @@ void ReplaceFile(const std::string& name, const std::optional<FileSnapshot>& bef
     try {
         Writer writer(target);
         WriteContent(writer, model, content, target);
-        CheckThatNobodyChangedIt(name, before);
+        CheckThatNobodyChangedIt(name, before, ReadIfThere(name));
         writer.CommitForGood();
     } catch (const auth::Exception& failure) {
         throw HintedError(failure.what(),

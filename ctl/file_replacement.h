@@ -13,6 +13,14 @@ namespace ctl {
 /// folder's rights alone would do for a rename.
 void CheckThatReplaceable(const std::string& name, bool isThere);
 
+/// The file itself, where the name is a link to it. Throws NotPermittedError or HintedError, also
+/// for a link to nothing.
+std::string TargetOf(const std::string& name, bool isThere);
+
+/// Throws HintedError unless the file is still what it was, or still not there.
+void CheckThatNobodyChangedIt(const std::string& name, const std::optional<FileSnapshot>& before,
+                              const std::optional<FileSnapshot>& now);
+
 /// Replaces a file whole or not at all: owner, permissions and attributes stay those of the old
 /// one, and the target of a symbolic link is replaced, not the link. A file that is not there is
 /// made like `model`.

@@ -1,5 +1,6 @@
 #include "file_snapshot.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -40,12 +41,19 @@ std::string Measured(Call call) {
     return value;
 }
 
+std::vector<std::string> AttributeNames(int descriptor) {
+    const std::string listed = Measured(
+        [&](char* buffer, std::size_t size) { return flistxattr(descriptor, buffer, size); });
+    std::vector<std::string> names;
+    for (std::size_t at = 0; at < listed.size(); at = listed.find('\0', at) + 1) {
+        names.emplace_back(listed.c_str() + at);
+    }
+    return names;
+}
+
 std::vector<std::pair<std::string, std::string>> ReadAttributes(int descriptor) {
     std::vector<std::pair<std::string, std::string>> attributes;
-    const std::string names = Measured(
-        [&](char* buffer, std::size_t size) { return flistxattr(descriptor, buffer, size); });
-    for (std::size_t at = 0; at < names.size(); at = names.find('\0', at) + 1) {
-        const std::string name = names.c_str() + at;
+    for (const std::string& name : AttributeNames(descriptor)) {
         attributes.emplace_back(name, Measured([&](char* buffer, std::size_t size) {
                                     return fgetxattr(descriptor, name.c_str(), buffer, size);
                                 }));
@@ -53,9 +61,22 @@ std::vector<std::pair<std::string, std::string>> ReadAttributes(int descriptor) 
     return attributes;
 }
 
-/// Those that the kernel gives by itself may be refused; an ACL is access, which must not change.
+/// Those that the kernel gives by itself may be refused, and stay where it gave them; an ACL is
+/// access, which must not change.
 bool MayBeLost(std::string_view attribute) {
     return attribute.substr(0, 9) == "security." || attribute.substr(0, 8) == "trusted.";
+}
+
+/// Takes away what the file has and the model lacks.
+void RemoveAttributesBeyond(const FileSnapshot& model, int descriptor, const std::string& path) {
+    for (const std::string& name : AttributeNames(descriptor)) {
+        const bool isWanted =
+            std::any_of(model.attributes.begin(), model.attributes.end(),
+                        [&](const auto& attribute) { return attribute.first == name; });
+        if (!isWanted && !MayBeLost(name) && fremovexattr(descriptor, name.c_str()) != 0) {
+            ThrowFileError("cannot take the attribute " + name + " from " + path, errno);
+        }
+    }
 }
 
 } // namespace
@@ -72,9 +93,10 @@ void ThrowFileError(const std::string& text, int error) {
                                               : "check the file and its folder");
 }
 
-std::optional<FileSnapshot> ReadIfThere(const std::string& path) {
+std::optional<FileSnapshot> ReadIfThere(const std::string& path, Links links) {
     // One that is no regular file must not keep us waiting.
-    const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK;
+    const UniqueFd file(open(path.c_str(), flags | (links == Links::Refuse ? O_NOFOLLOW : 0)));
     if (file.Get() < 0) {
         if (errno == ENOENT) {
             return std::nullopt;
@@ -111,6 +133,8 @@ void MakeLike(const FileSnapshot& model, int descriptor, const std::string& path
     if (!sameOwner && fchown(descriptor, model.status.st_uid, model.status.st_gid) != 0) {
         ThrowFileError("cannot give " + path + " its owner and group", errno);
     }
+    // An ACL from the folder lets nobody in before the permissions do.
+    RemoveAttributesBeyond(model, descriptor, path);
     if (fchmod(descriptor, model.status.st_mode & 07777) != 0) {
         ThrowFileError("cannot give " + path + " its permissions", errno);
     }

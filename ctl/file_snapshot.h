@@ -17,14 +17,18 @@ struct FileSnapshot {
     std::vector<std::pair<std::string, std::string>> attributes; ///< extended ones, such as an ACL
 };
 
+/// What is done with the name of a symbolic link.
+enum class Links { Follow, Refuse };
+
 /// Reads a regular file; nothing when there is none. Throws NotPermittedError or HintedError.
-std::optional<FileSnapshot> ReadIfThere(const std::string& path);
+std::optional<FileSnapshot> ReadIfThere(const std::string& path, Links links = Links::Follow);
 
 /// As above, and throws HintedError when there is none.
 FileSnapshot ReadFile(const std::string& path);
 
-/// Gives an open file the owner, the permission bits and the extended attributes of another, and
-/// waits until it is on the disk. Throws NotPermittedError or HintedError.
+/// Gives an open file the owner, the permission bits and the extended attributes of another, takes
+/// those away that only it has, such as an ACL from its folder, and waits until it is on the disk.
+/// Throws NotPermittedError or HintedError.
 void MakeLike(const FileSnapshot& model, int descriptor, const std::string& path);
 
 /// Throws NotPermittedError when the error is a lack of rights, else HintedError. The text goes

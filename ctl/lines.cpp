@@ -54,8 +54,10 @@ std::string WithLine(std::string_view text, std::size_t index, const std::string
     const bool unended = last && !lines.empty() && lines.back().back() != '\n';
     std::string_view neighbour;
     if (!lines.empty()) {
-        // What has no line end itself is no model for one.
-        neighbour = !last ? lines[index] : unended ? lines.front() : lines.back();
+        neighbour = last ? lines.back() : lines[index];
+        if (neighbour.back() != '\n') { // no model for a line end
+            neighbour = lines.front();
+        }
     }
     const std::string end = mayHaveReturn && EndsWithReturn(neighbour) ? "\r\n" : "\n";
     std::string changed(text.substr(0, offset));

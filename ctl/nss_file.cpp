@@ -99,17 +99,16 @@ std::string WithWord(const std::string& text, const NssWords& words, std::size_t
                   : changed.insert(words.services[position].begin, service + " ");
 }
 
-/// The words at this position and the white space before them; or behind them, at the beginning of
-/// a line, so that its columns stay.
+/// The word at this position and the white space before it; or behind it, if it is the first, so
+/// that the line's columns stay.
 std::string WithoutWord(const std::string& text, const NssWords& words, std::size_t position) {
     const NssWord& word = words.services[position];
-    const bool isLast =
-        position + 1 == words.services.size() || words.services[position + 1].after != word.end;
-    const bool isFirst = position == 0 || words.services[position - 1].end != word.after;
     std::string changed = text;
-    return isFirst && !isLast
-               ? changed.erase(word.begin, words.services[position + 1].begin - word.begin)
-               : changed.erase(word.after, word.end - word.after);
+    if (position == 0 && words.services.size() > 1) {
+        return changed.erase(word.begin, words.services[1].begin - word.begin);
+    }
+    const std::size_t before = position == 0 ? words.start : words.services[position - 1].end;
+    return changed.erase(before, word.end - before);
 }
 
 } // namespace
@@ -155,7 +154,7 @@ std::string NssFile::Readable(std::string changed) const {
 
 std::string NssFile::WithService(NSSDatabase database, const NSSService& added, const Place& place,
                                  Way way) const {
-    const NssWords words = FindWords(name_, text_, database);
+    const NssWords words = FindWords(name_, text_, database, way);
     const auto missing = [&](const std::string& name) {
         return NoSuchService(name_, database, name, way);
     };
@@ -185,7 +184,7 @@ std::string NssFile::WithService(NSSDatabase database, const NSSService& added, 
 
 std::string NssFile::WithoutService(NSSDatabase database, const std::string& service,
                                     Way way) const {
-    const NssWords words = FindWords(name_, text_, database);
+    const NssWords words = FindWords(name_, text_, database, way);
     if (way == Way::Rewrite) {
         NSSConfiguration configuration = Configuration();
         auto& services = configuration[database];

@@ -33,7 +33,8 @@ public:
     SystemConfiguration::NSSConfiguration Configuration() const;
 
     // The text after an edit. Both throw HintedError when it cannot be made, as where a line of the
-    // database is written in a way that other readers of the file take for something else.
+    // database is written in a way that other readers of the file take for something else; so it is
+    // with two lines of one database, except for a rewrite.
 
     /// The new service goes among those of its database, onto a new last line if it has none. It
     /// must be one that can be written. Throws also when the database has it already.

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "lines.h"
-
 namespace ctl {
 
 using namespace SystemConfiguration;
@@ -18,16 +16,18 @@ bool IsLineOf(const std::string& database, std::string_view firstWord) {
     return firstWord.substr(0, firstWord.size() - 1) == database;
 }
 
-/// Whether others take the line for one of this database: blanks around the colon don't matter.
-bool LooksLikeLineOf(const std::string& database, std::string_view line) {
+/// What follows the database's word on a line that others take for one of this database: to them
+/// the word ends at a colon or a blank, and blanks don't matter. Empty for any other line.
+std::string_view BehindNameIn(std::string_view line, const std::string& database) {
     const auto start = std::min(line.find_first_not_of(blanks), line.size());
     line.remove_prefix(start);
     if (line.substr(0, database.size()) != database) {
-        return false;
+        return {};
     }
     line.remove_prefix(database.size());
-    const auto colon = line.find_first_not_of(blanks);
-    return colon != std::string_view::npos && line[colon] == ':';
+    const auto next = line.find_first_not_of(blanks);
+    const bool isWord = next == std::string_view::npos || (next == 0 && line.front() != ':');
+    return isWord ? std::string_view() : line.substr(next);
 }
 
 /// Splits one line of a database.
@@ -50,8 +50,7 @@ public:
             const bool isBracket = line_[at] == '[';
             const std::size_t end = isBracket ? EndOfBrackets(at) : EndOfService(at);
             if (!isBracket) {
-                const std::size_t after = services.empty() ? start : services.back().end;
-                services.push_back({std::string(line_.substr(at, end - at)), at, end, after});
+                services.push_back({std::string(line_.substr(at, end - at)), at, end});
             } else if (services.empty()) {
                 Refuse("brackets before any service", "put a service before them");
             } else {
@@ -93,9 +92,31 @@ private:
     std::string_view line_;
 };
 
+/// Whether it is a line of the database. Refuses one that only the library or only others take for
+/// one.
+bool BelongsTo(const std::string& database, std::string_view line, std::string_view firstWord,
+               const LineSplitter& splitter) {
+    const std::string asLine = "write the line as " + database + ": SERVICE...";
+    if (IsLineOf(database, firstWord)) {
+        if (firstWord.back() != ':') {
+            splitter.Refuse("'" + std::string(firstWord) + "' has no colon", asLine);
+        }
+        return true;
+    }
+    const std::string_view behind = BehindNameIn(line, database);
+    if (behind.empty()) {
+        return false;
+    }
+    splitter.Refuse(behind.front() == ':'
+                        ? "the colon does not stand between '" + database + "' and a blank"
+                        : "'" + database + "' has no colon",
+                    asLine);
+}
+
 } // namespace
 
-NssWords FindWords(const std::string& file, const std::string& text, NSSDatabase database) {
+NssWords FindWords(const std::string& file, const std::string& text, NSSDatabase database,
+                   Way way) {
     const auto name = static_cast<std::string>(database);
     NssWords found;
     std::size_t number = 0;
@@ -108,22 +129,18 @@ NssWords FindWords(const std::string& file, const std::string& text, NSSDatabase
         }
         const LineSplitter splitter(file, number, line);
         const std::size_t base = OffsetIn(text, line);
-        if (!IsLineOf(name, words.front())) {
-            if (LooksLikeLineOf(name, line)) {
-                splitter.Refuse("the colon does not stand between '" + name + "' and a blank",
-                                "write the line as " + name + ": SERVICE...");
-            }
+        if (!BelongsTo(name, line, words.front(), splitter)) {
             continue;
         }
-        if (words.front().back() != ':') {
-            splitter.Refuse("'" + std::string(words.front()) + "' has no colon",
-                            "write the line as " + name + ": SERVICE...");
+        if (way == Way::Lines && found.start != std::string::npos) {
+            splitter.Refuse("'" + name +
+                                "' is on an earlier line, too; other readers take only the last",
+                            "make one line of them");
         }
         const std::size_t start = OffsetIn(line, words.front()) + words.front().size();
         for (NssWord service : splitter.Split(start)) {
             service.begin += base;
             service.end += base;
-            service.after += base;
             found.services.push_back(std::move(service));
         }
         found.start = base + start;

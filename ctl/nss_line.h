@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "lines.h"
 #include "systemconfiguration/nss.h"
 
 namespace ctl {
@@ -15,23 +16,23 @@ namespace ctl {
 struct NssWord {
     std::string name;
     std::size_t begin;
-    std::size_t end;   ///< behind the brackets that follow it, if any
-    std::size_t after; ///< the end of what is before it on its line
+    std::size_t end; ///< behind the brackets that follow it, if any
 };
 
 /// Where a database's services are.
 struct NssWords {
     std::vector<NssWord> services;
-    /// Behind the database's word, of the last line that has it; npos when there is no such line.
+    /// Behind the database's word; npos when there is no such line, the last one's when several.
     std::size_t start = std::string::npos;
     std::size_t lineEnd = std::string::npos; ///< before the LF of that line
 };
 
 /// Finds a database's services in a text. Throws HintedError for a line of this database that some
-/// reader would take for something else: without a blank behind the colon, with brackets that are
-/// not closed or not apart from the services, or with a comment behind them.
+/// reader would take for something else: without a colon or a blank behind it, with brackets that
+/// are not closed or not apart from the services, or with a comment behind them; and for its second
+/// line, where only lines are to be changed: the library takes both together, other readers one.
 NssWords FindWords(const std::string& file, const std::string& text,
-                   SystemConfiguration::NSSDatabase database);
+                   SystemConfiguration::NSSDatabase database, Way way);
 
 } // namespace ctl
 

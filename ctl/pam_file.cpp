@@ -112,7 +112,7 @@ bool CanBeWritten(const PamLine& entry) {
     try {
         const std::string line = LineOf(entry);
         const auto read = ParseLines("", line);
-        return read.size() == 1 && IsSame(read.front(), entry) &&
+        return read.size() == 1 && line.back() != '\\' && IsSame(read.front(), entry) &&
                read.front().entry.module() == entry.entry.module() &&
                read.front().entry.parameters() == entry.entry.parameters();
     } catch (const HintedError&) {

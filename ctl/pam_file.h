@@ -26,7 +26,7 @@ SystemConfiguration::PAMControl ParseControl(const std::string& text);
 std::string LineOf(const PamLine& entry);
 
 /// Whether the entry's line is read as just this entry: nothing in it is empty, has white space in
-/// it or is taken for something else.
+/// it or is taken for something else, and the line goes on nowhere behind a backslash.
 bool CanBeWritten(const PamLine& entry);
 
 /// A policy's text, of which every line is an entry, a comment or blank.

@@ -38,8 +38,8 @@ PamLine EntryOf(const FileArguments& arguments) {
     line.entry.parameters().assign(arguments.parameters.begin(), arguments.parameters.end());
     if (!CanBeWritten(line)) {
         throw UsageError("a policy cannot hold this entry: module and parameters are words without "
-                         "white space, and a list of actions ends with its first \"]\" before a "
-                         "blank");
+                         "white space, the last of them does not end in a backslash, and a list of "
+                         "actions ends with its first \"]\" before a blank");
     }
     return line;
 }

@@ -23,13 +23,20 @@ endforeach()
 
 # The command's editors by themselves, over more files than it could be run for.
 find_path(DTL_INCLUDE_DIR dtl/dtl.hpp REQUIRED)
-set(file_editors_of_ctl file_backup.cpp file_change.cpp file_replacement.cpp file_snapshot.cpp lines.cpp
+set(file_editors_of_ctl
+    file_backup.cpp file_change.cpp file_lock.cpp file_replacement.cpp file_snapshot.cpp lines.cpp
     nss_file.cpp nss_line.cpp output.cpp pam_file.cpp unified_diff.cpp)
 list(TRANSFORM file_editors_of_ctl PREPEND ${PROJECT_SOURCE_DIR}/ctl/)
+add_library(tesauth_ctl_file_editors STATIC ${file_editors_of_ctl})
+target_include_directories(tesauth_ctl_file_editors PUBLIC ${PROJECT_SOURCE_DIR}/ctl)
+target_include_directories(tesauth_ctl_file_editors SYSTEM PRIVATE ${DTL_INCLUDE_DIR})
+target_link_libraries(tesauth_ctl_file_editors PUBLIC tesauth nlohmann_json::nlohmann_json)
 tesauth_host_test(ctl_file_edit_test
-  SOURCES ctl_file_edit_test.cpp ${file_editors_of_ctl} LIBRARIES tesauth nlohmann_json::nlohmann_json)
-target_include_directories(ctl_file_edit_test PRIVATE ${PROJECT_SOURCE_DIR}/ctl)
-target_include_directories(ctl_file_edit_test SYSTEM PRIVATE ${DTL_INCLUDE_DIR})
+  SOURCES ctl_file_edit_test.cpp LIBRARIES tesauth_ctl_file_editors)
+
+# Two of them at once: the test stops one in the middle.
+tesauth_host_test(ctl_file_lock_test
+  SOURCES ctl_file_lock_test.cpp LIBRARIES tesauth_ctl_test_host tesauth_ctl_file_editors)
 
 # Without systemd-analyze it counts as skipped, for all to see.
 tesauth_host_script(ctl_units_test SCRIPT ctl_units_test.sh)

@@ -74,6 +74,26 @@ TEST_F(FileChangeTest, AnAccessListIsKept) {
     }
 }
 
+TEST_F(FileChangeTest, AnAccessListOfTheFolderLetsNobodyIn) {
+    // user::rw- user:65534:rw- group::r-- mask::rw- other::---
+    const std::string list("\2\0\0\0\1\0\6\0\377\377\377\377\2\0\6\0\376\377\0\0\4\0\4\0\377\377"
+                           "\377\377\20\0\6\0\377\377\377\377\40\0\0\0\377\377\377\377",
+                           44);
+    if (setxattr(folder, "system.posix_acl_default", list.data(), list.size(), 0) != 0) {
+        ASSERT_EQ(errno, ENOTSUP);
+        GTEST_SKIP() << "this file system has no access lists";
+    }
+    ASSERT_EQ(chmod(file.c_str(), 0640), 0);
+    Done(Add());
+    for (const std::string& path : {file, backup}) {
+        EXPECT_EQ(getxattr(path.c_str(), "system.posix_acl_access", nullptr, 0), -1) << path;
+        EXPECT_EQ(errno, ENODATA);
+        EXPECT_EQ(Mode(path), 0640u);
+    }
+    Done(Restore());
+    EXPECT_EQ(getxattr(file.c_str(), "system.posix_acl_access", nullptr, 0), -1);
+}
+
 TEST_F(FileChangeTest, RestorePutsEverythingBack) {
     const std::string odd = std::string("# \xff\0\r\n\n auth   required a.so", 29);
     Fill(odd);
@@ -164,7 +184,18 @@ TEST_F(FileChangeTest, WhatIsNoRegularFileIsRefused) {
     ASSERT_EQ(unlink(In("fifo").c_str()), 0);
     ASSERT_EQ(symlink("/nowhere", backup.c_str()), 0);
     ExpectFailure(Ctl(Add()), 1, backup + " is not a regular file\nhint: ");
+    WriteFile(In("other"), "auth required other.so\n");
+    for (const std::string& target : {std::string("/nowhere"), In("other")}) {
+        ASSERT_EQ(unlink(backup.c_str()), 0);
+        ASSERT_EQ(symlink(target.c_str(), backup.c_str()), 0);
+        for (const Words& words : {Restore(), Restore() + Words{"--dry-run"}}) {
+            const Result result = Ctl(words);
+            ExpectFailure(result, 1, backup + " is not a regular file\nhint: ");
+            EXPECT_EQ(result.out, "");
+        }
+    }
     EXPECT_EQ(Text(), policy);
+    ASSERT_EQ(unlink(In("other").c_str()), 0);
     ASSERT_EQ(unlink(backup.c_str()), 0);
     ExpectUntouched();
 }
@@ -278,6 +309,7 @@ void ChangeMeanwhile(pid_t) {
     close(answer);
 }
 
+/// There is no backup either: nothing was changed, as long as the command had not begun with it.
 TEST_F(FileChangeTest, WhatSomebodyElseWritesMeanwhileStays) {
     std::string lines; // the difference must not fit into a pipe
     for (int i = 0; i < 10'000; ++i) {

@@ -32,6 +32,18 @@ void FileTest::ExpectUntouched() const {
     EXPECT_EQ(Names(), Words{"edited"});
 }
 
+void FileTest::ExpectWrongUsage(const std::string& group, const Words& words) const {
+    Words line = Words{group} + words;
+    if (line.size() > 2) {
+        line[2] = file;
+    }
+    const Result result = Ctl(line);
+    EXPECT_EQ(result.status, 2) << result.out << result.err;
+    EXPECT_EQ(result.out, "");
+    EXPECT_NE(result.err, "");
+    ExpectUntouched();
+}
+
 std::string Done(const Words& arguments) {
     const Result result = Ctl(arguments);
     EXPECT_EQ(result.status, 0) << result.err;

@@ -26,6 +26,10 @@ protected:
     /// The names in the folder.
     static std::vector<std::string> Names();
 
+    /// Expects that the command refuses these words of a group such as "pam" as wrong usage; the
+    /// second one stands for the file.
+    void ExpectWrongUsage(const std::string& group, const Words& words) const;
+
     /// Expects that the file and its folder are as Fill left them.
     void ExpectUntouched() const;
 

@@ -107,17 +107,27 @@ TEST_F(NssTest, ADatabaseWithoutServicesGetsItsFirst) {
     EXPECT_EQ(Text(), std::string(configuration) + "\nservices: files");
 }
 
-TEST_F(NssTest, ADatabaseOnTwoLinesIsOne) {
-    const std::string text = "passwd: a b\ngroup: x\npasswd: c d\n";
-    ExpectEditOf(text, "add", {"passwd", "n"}, "passwd: a b\ngroup: x\npasswd: c d n\n");
-    ExpectEditOf(text, "add", {"passwd", "n", "--first"}, "passwd: n a b\ngroup: x\npasswd: c d\n");
-    ExpectEditOf(text, "add", {"passwd", "n", "--after", "b"},
-                 "passwd: a b n\ngroup: x\npasswd: c d\n");
-    ExpectEditOf(text, "add", {"passwd", "n", "--before", "c"},
-                 "passwd: a b\ngroup: x\npasswd: n c d\n");
-    ExpectEditOf(text, "remove", {"passwd", "c"}, "passwd: a b\ngroup: x\npasswd: d\n");
-    ExpectEditOf(text, "remove", {"passwd", "b"}, "passwd: a\ngroup: x\npasswd: c d\n");
-    ExpectFailure(Ctl(Nss("add", {"passwd", "d", "--first"})), 1, "has 'd' for passwd already");
+/// The library takes both lines together, other readers only the last.
+TEST_F(NssTest, ADatabaseOnTwoLinesIsOnlyRewritten) {
+    const std::string text = "passwd: a b\ngroup: x\n passwd: c\npasswd: d\n";
+    Fill(text);
+    for (const Words& words :
+         {Nss("add", {"passwd", "n"}), Nss("add", {"passwd", "n", "--after", "b"}),
+          Nss("add", {"passwd", "d"}), Nss("remove", {"passwd", "a"}),
+          Nss("remove", {"passwd", "none", "--dry-run"})}) {
+        const Result result = Ctl(words);
+        ExpectFailure(result, 1,
+                      "tesauthctl: " + file +
+                          ":3: 'passwd' is on an earlier line, too; other readers take only the "
+                          "last\nhint: make one line of them; nothing was changed\n");
+        EXPECT_EQ(result.out, "");
+        ExpectUntouched();
+    }
+    ExpectEditOf(text, "add", {"group", "y"}, "passwd: a b\ngroup: x y\n passwd: c\npasswd: d\n");
+    const std::string rest = "\ngroup: x\n";
+    ExpectEditOf(text, "add", {"passwd", "n", "--rewrite"}, "passwd: a b c d n" + rest);
+    ExpectEditOf(text, "remove", {"passwd", "c", "--rewrite"}, "passwd: a b d" + rest);
+    ExpectFailure(Ctl(Nss("add", {"passwd", "b", "--rewrite"})), 1, "has 'b' for passwd already");
 }
 
 TEST_F(NssTest, AServiceIsRemoved) {
@@ -246,6 +256,8 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(Refused{"\n passwd :files\n", 2, "the colon"},
                     Refused{"passwd: files\npasswd:files\n", 2, "the colon"},
                     Refused{"passwd; files\n", 1, "'passwd;' has no colon"},
+                    Refused{"passwd files\n", 1, "'passwd' has no colon"},
+                    Refused{"passwd: files\n \tpasswd\t files\n", 2, "'passwd' has no colon"},
                     Refused{"passwd: files # local\n", 1, "'#'"},
                     Refused{"passwd: files[NOTFOUND=return] x\n", 1, "'files[NOTFOUND=return]'"},
                     Refused{"passwd: files [NOTFOUND=return]x\n", 1, "brackets that are not apart"},
@@ -267,16 +279,7 @@ TEST_F(NssTest, AnEditNeverMakesALineThatCannotBeRead) {
 class NssUsageTest : public NssTest, public testing::WithParamInterface<Words> {};
 
 TEST_P(NssUsageTest, IsWrong) {
-    Words words = GetParam();
-    words.insert(words.begin(), "nss");
-    if (words.size() > 2) {
-        words[2] = file;
-    }
-    const Result result = Ctl(words);
-    EXPECT_EQ(result.status, 2) << result.out << result.err;
-    EXPECT_EQ(result.out, "");
-    EXPECT_NE(result.err, "");
-    ExpectUntouched();
+    ExpectWrongUsage("nss", GetParam());
 }
 
 INSTANTIATE_TEST_SUITE_P(

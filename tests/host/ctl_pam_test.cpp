@@ -124,6 +124,9 @@ TEST_F(PamTest, LinesThatEndInCarriageReturnsStayLikeThat) {
     Fill("auth required a.so\r\nauth required b.so");
     Done(Pam("add", {"auth", "required", "c.so"}));
     EXPECT_EQ(Text(), "auth required a.so\r\nauth required b.so\r\nauth\trequired\tc.so");
+    Fill("auth required a.so\r\nauth required b.so");
+    Done(Pam("add", {"auth", "required", "c.so", "--before", "b.so"}));
+    EXPECT_EQ(Text(), "auth required a.so\r\nauth\trequired\tc.so\r\nauth required b.so");
 }
 
 TEST_F(PamTest, WordsAreTakenAsTheyAre) {
@@ -299,16 +302,7 @@ TEST_F(PamTest, ALineThatGoesOnElsewhereIsShownButNotEdited) {
 class PamUsageTest : public PamTest, public testing::WithParamInterface<Words> {};
 
 TEST_P(PamUsageTest, IsWrong) {
-    Words words = GetParam();
-    words.insert(words.begin(), "pam");
-    if (words.size() > 2) {
-        words[2] = file;
-    }
-    const Result result = Ctl(words);
-    EXPECT_EQ(result.status, 2) << result.out << result.err;
-    EXPECT_EQ(result.out, "");
-    EXPECT_NE(result.err, "");
-    ExpectUntouched();
+    ExpectWrongUsage("pam", GetParam());
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -323,6 +317,8 @@ INSTANTIATE_TEST_SUITE_P(
         Words{"add", "F", "auth", "required", "a b"},
         Words{"add", "F", "auth", "required", "a.so", ""},
         Words{"add", "F", "auth", "required", "a.so", "b\nauth"},
+        Words{"add", "F", "auth", "required", "a.so", "b", "c\\"},
+        Words{"add", "F", "auth", "required", "a.so\\"},
         Words{"add", "F", "auth", "required", "a.so", "\nb"},
         Words{"add", "F", "auth", "required", "\na.so"},
         Words{"add", "F", "auth", "required", "a.so", "--flub"},
@@ -334,6 +330,14 @@ INSTANTIATE_TEST_SUITE_P(
         Words{"remove", "F", "flub", "a.so"}, Words{"remove", "F", "auth", "a.so", "b.so"},
         Words{"remove", "F", "auth", "a.so", "--first"}, Words{"restore"},
         Words{"restore", "F", "auth"}, Words{"restore", "F", "--rewrite"}));
+
+TEST_F(PamTest, WhatIsAddedCanBeEditedAgain) {
+    ExpectFailure(Ctl(Pam("add", {"auth", "required", "a.so", "b\\"})), 2,
+                  "the last of them does not end in a backslash");
+    Done(Pam("add", {"auth", "required", "a.so", "b\\", "c"})); // only at the end it goes on
+    Done(Pam("remove", {"auth", "a.so"}));
+    EXPECT_EQ(Text(), policy);
+}
 
 TEST_F(PamTest, TheHelpNamesTheWayAndWhy) {
     for (const char* verb : {"add", "remove"}) {

@@ -63,12 +63,16 @@ TEST_F(UsageTest, WordsThatMayBeAPasswordAreNotRepeated) {
 class HelpTest : public CtlTest, public testing::WithParamInterface<Words> {};
 
 TEST_P(HelpTest, TellsUsageAndExitCodes) {
+    std::string usage = "Usage: tesauthctl";
+    for (const std::string& word : GetParam()) {
+        usage += " " + word;
+    }
     Words words = GetParam();
     words.push_back("--help");
     const Result result = Ctl(words);
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.err, "");
-    EXPECT_NE(result.out.find("Usage: tesauthctl"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find(usage + " [OPTIONS]"), std::string::npos) << result.out;
     EXPECT_NE(result.out.find("Exit codes: 0 done, 1 failed, 2 wrong usage, 3 not permitted"),
               std::string::npos)
         << result.out;
@@ -82,7 +86,10 @@ INSTANTIATE_TEST_SUITE_P(
                     Words{"dcs"}, Words{"dcs", "get"}, Words{"dcs", "set"}, Words{"smartcard"},
                     Words{"smartcard", "get"}, Words{"smartcard", "set"}, Words{"diagnose"},
                     Words{"rotate-key"}, Words{"option"}, Words{"option", "get"},
-                    Words{"option", "set"}));
+                    Words{"option", "set"}, Words{"pam"}, Words{"pam", "show"},
+                    Words{"pam", "find"}, Words{"pam", "add"}, Words{"pam", "remove"},
+                    Words{"pam", "restore"}, Words{"nss"}, Words{"nss", "show"},
+                    Words{"nss", "add"}, Words{"nss", "remove"}, Words{"nss", "restore"}));
 
 TEST_F(UsageTest, VersionIsANumber) {
     const Result result = Ctl({"--version"});
