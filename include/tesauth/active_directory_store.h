@@ -91,6 +91,35 @@ public:
     /// Leaves the domain. Kept on purpose: what is stored about the domain stays.
     void PartDomain(const Credentials& credentials);
 
+    /// Joins the host to the domain that an authentication proxy serves, with a machine account
+    /// that the proxy creates. Whether the proxy's certificate is verified is the host's advanced
+    /// option "UserVars.ActiveDirectoryVerifyAPXCertificate". \param serverAddress      the proxy's
+    /// IPv4 address in dotted form \param organizationalUnit for the machine account; empty for the
+    /// proxy's default \param skipHostnameCheck  leaves the host's name as it is, as in JoinDomain
+    ///
+    /// Throws InvalidIPAddressException, InvalidVerifyAPXCertificateOptionException,
+    /// InvalidHostNameException, InvalidAPXProxyProviderException when no proxy client is
+    /// installed, set or usable, InvalidThumbprintStoreException when the trusted certificate
+    /// cannot be read, the proxy's and the provider's failures,
+    /// OrvConfigStore::ConfigStoreException when the join cannot be recorded, after leaving the
+    /// domain again, and what SanitiseHostnameForDomain throws. A failure after the proxy has
+    /// created the account does not delete it.
+    void JoinDomainWithAPX(const std::string& serverAddress, const std::string& organizationalUnit,
+                           bool skipHostnameCheck);
+
+    /// The DNS name of the domain that a proxy serves, asked for without verifying its certificate.
+    /// Throws InvalidIPAddressException, InvalidAPXProxyProviderException, the proxy's failures
+    /// and, when the client plug-in cannot be opened, IOError.
+    std::string GetDomainForAPXService(const std::string& serverAddress);
+
+    /// Makes a PEM certificate the one that this host trusts its proxy by. Throws
+    /// InvalidCertificateException for anything but PEM, and OrvConfigStore::ConfigStoreException.
+    void ImportCertificateForAPX(const std::string& certificate);
+
+    /// The same with the content of a file. The second text is ignored; it tells the two forms
+    /// apart. Throws FileNotFoundException when the file cannot be opened.
+    void ImportCertificateForAPX(const std::string& path, const std::string& ignored);
+
     /// Checks the host's name against a domain: throws InvalidHostNameException when it cannot be
     /// had or resolved, differs from the first part of the name it resolves to, or is one of the
     /// names that every unconfigured host has. When the host is in another DNS domain this is

@@ -6,6 +6,7 @@
 #include <deque>
 #include <iosfwd>
 #include <list>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -121,7 +122,7 @@ public:
     std::vector<std::string> GetSmartCardEnabledServices() const;
 
 private:
-    void* handle;
+    std::shared_ptr<void> handle; ///< of the loaded plug-in
     const ActiveDirectoryClientMetadata* metadata;
     const ActiveDirectoryClientOperations* operations;
     std::string pamModule;

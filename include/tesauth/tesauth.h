@@ -4,6 +4,7 @@
 
 #include "tesauth/active_directory_store.h"
 #include "tesauth/ad_cache.h"
+#include "tesauth/apx_proxy.h"
 #include "tesauth/atomic_file_stream.h"
 #include "tesauth/config_store.h"
 #include "tesauth/configuration.h"

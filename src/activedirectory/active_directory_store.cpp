@@ -1,25 +1,12 @@
 #include "tesauth/active_directory_store.h"
 
+#include "configured_provider.h"
 #include "tesauth/configuration.h"
 #include "tesauth/exceptions.h"
 
 namespace tessary::authentication {
 
 namespace {
-
-/// The name of the directory provider in the host's settings.
-std::string ConfiguredProviderName() {
-    std::string name;
-    try {
-        name = ProviderConfiguration()["provider"];
-    } catch (const IOError&) {
-        throw InvalidActiveDirectoryProviderException("(none installed)");
-    }
-    if (name.empty()) {
-        throw InvalidActiveDirectoryProviderException("(unset)");
-    }
-    return name;
-}
 
 std::shared_ptr<ActiveDirectoryProvider> LoadProvider(const std::string& name) {
     try {
@@ -32,7 +19,9 @@ std::shared_ptr<ActiveDirectoryProvider> LoadProvider(const std::string& name) {
 } // namespace
 
 ActiveDirectoryStore::ActiveDirectoryStore(int timeout)
-    : timeoutSeconds(timeout), provider(LoadProvider(ConfiguredProviderName())) {}
+    : timeoutSeconds(timeout),
+      provider(LoadProvider(ConfiguredProviderName<ProviderConfiguration,
+                                                   InvalidActiveDirectoryProviderException>())) {}
 
 ActiveDirectoryStore::~ActiveDirectoryStore() = default;
 

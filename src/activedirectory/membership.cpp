@@ -1,5 +1,6 @@
 #include <syslog.h>
 
+#include "join_record.h"
 #include "orvcfg/config_store.h"
 #include "tesauth/active_directory_store.h"
 #include "tesauth/config_store.h"
@@ -30,16 +31,6 @@ DomainPath SplitAtFirstSlash(const std::string& text) {
             slash == std::string::npos ? std::string() : text.substr(slash + 1)};
 }
 
-/// Leaves a domain that was joined a moment ago. What made this necessary is what the caller is to
-/// learn, so a failure here does not take its place.
-void UndoJoin(const ActiveDirectoryProvider& provider) {
-    try {
-        provider.PartDomain();
-    } catch (const Exception&) {
-        return;
-    }
-}
-
 } // namespace
 
 void ActiveDirectoryStore::JoinDomain(const std::string& domainPath, const Credentials& credentials,
@@ -50,14 +41,7 @@ void ActiveDirectoryStore::JoinDomain(const std::string& domainPath, const Crede
         SanitiseHostnameForDomain(path.domain);
     }
     provider->JoinDomain(path.domain, path.organizationalUnit, credentials);
-    try {
-        ActiveDirectoryConfigStore().StoreDomainInfo(path.domain, path.organizationalUnit, "");
-    } catch (const OrvConfigStore::ConfigStoreException& failure) {
-        syslog(LOG_ERR, "Failed to store domain details to Config Store: %s.Leaving Domain...",
-               failure.what());
-        UndoJoin(*provider);
-        throw;
-    }
+    RecordJoin(*provider, path.domain, path.organizationalUnit, "");
 }
 
 void ActiveDirectoryStore::PartDomain() {

@@ -66,6 +66,15 @@ struct ActiveDirectoryClientMaintenance {
     uint32_t (*rotateMachineKey)(uint32_t minimumAge, int32_t* rotated);
 };
 
+/// What a proxy client may offer, in the same way: its symbol is "APXProxyClientMaintenance". A
+/// client that has it stays loaded, since its table is asked when the library is done with it.
+struct APXProxyClientMaintenance {
+    int32_t apiVersion; ///< TESAUTH_MAINTENANCE_API_VERSION
+
+    /// As that of a provider; the sentence may be one that the proxy gave.
+    size_t (*describeFailure)(uint32_t status, char* buffer, size_t size);
+};
+
 #ifdef __cplusplus
 }
 #endif

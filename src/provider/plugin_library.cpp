@@ -18,7 +18,7 @@ void* TryOpen(const std::string& path) {
 
 } // namespace
 
-void* Open(const std::string& name, const std::string& failurePrefix) {
+std::shared_ptr<void> Open(const std::string& name, const std::string& failurePrefix) {
     const std::string file = "lib" + name + ".so";
     void* handle = TryOpen(std::string(pluginDirectory) + "lib64" + "/" + file);
     if (handle == nullptr) {
@@ -27,7 +27,7 @@ void* Open(const std::string& name, const std::string& failurePrefix) {
     if (handle == nullptr) {
         throw IOError(failurePrefix + TextOrEmpty(dlerror()));
     }
-    return handle;
+    return {handle, dlclose};
 }
 
 } // namespace tessary::authentication::plugin

@@ -33,28 +33,22 @@ std::string MissingSymbolText(void* handle) {
 
 ActiveDirectoryProvider::ActiveDirectoryProvider(const std::string& name)
     : handle(plugin::Open(name, "Unable to open provider: ")) {
-    try {
-        metadata = static_cast<const ActiveDirectoryClientMetadata*>(dlsym(handle, metadataSymbol));
-        if (metadata != nullptr && metadata->apiVersion > TESAUTH_PROVIDER_API_VERSION) {
-            throw InvalidActiveDirectoryProviderException(
-                name, "The API version (" + std::to_string(metadata->apiVersion) +
-                          ") is not supported by this version of libtesauth");
-        }
-        operations =
-            static_cast<const ActiveDirectoryClientOperations*>(dlsym(handle, operationsSymbol));
-        if (metadata == nullptr || operations == nullptr) {
-            throw InvalidActiveDirectoryProviderException(name, MissingSymbolText(handle));
-        }
-        CacheMetadata();
-    } catch (...) {
-        dlclose(handle);
-        throw;
+    metadata =
+        static_cast<const ActiveDirectoryClientMetadata*>(dlsym(handle.get(), metadataSymbol));
+    if (metadata != nullptr && metadata->apiVersion > TESAUTH_PROVIDER_API_VERSION) {
+        throw InvalidActiveDirectoryProviderException(
+            name, "The API version (" + std::to_string(metadata->apiVersion) +
+                      ") is not supported by this version of libtesauth");
     }
+    operations =
+        static_cast<const ActiveDirectoryClientOperations*>(dlsym(handle.get(), operationsSymbol));
+    if (metadata == nullptr || operations == nullptr) {
+        throw InvalidActiveDirectoryProviderException(name, MissingSymbolText(handle.get()));
+    }
+    CacheMetadata();
 }
 
-ActiveDirectoryProvider::~ActiveDirectoryProvider() {
-    dlclose(handle);
-}
+ActiveDirectoryProvider::~ActiveDirectoryProvider() = default;
 
 int32_t ActiveDirectoryProvider::GetAPIVersion() const {
     return operations->apiVersion;

@@ -33,6 +33,25 @@ tesauth_scripted_provider(scripted_provider_unresolved SCRIPTED_UNRESOLVED)
 # One of its functions cannot be resolved, which matters only when that function is called.
 target_link_options(scripted_provider_unresolved PRIVATE -Wl,-z,undefs -Wl,-z,lazy)
 
+# The scripted proxy client, and its variants that lack the table or one entry of it.
+function(tesauth_scripted_proxy name)
+  add_library(${name} MODULE ${PROJECT_SOURCE_DIR}/tests/support/scripted_proxy.c)
+  target_compile_definitions(${name} PRIVATE _GNU_SOURCE ${ARGN})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/include
+                             ${PROJECT_SOURCE_DIR}/tests/support)
+  tesauth_side_by_side(${name})
+  target_link_options(${name} PRIVATE -Wl,-Bsymbolic)
+endfunction()
+
+tesauth_scripted_proxy(scripted_proxy)
+# As a client that has more to tell: it stays loaded.
+tesauth_scripted_proxy(scripted_proxy_that_stays)
+target_link_options(scripted_proxy_that_stays PRIVATE -Wl,-z,nodelete)
+tesauth_scripted_proxy(scripted_proxy_without_table SCRIPTED_PROXY_WITHOUT_TABLE)
+foreach(entry 1 2 3)
+  tesauth_scripted_proxy(scripted_proxy_without_entry_${entry} SCRIPTED_PROXY_WITHOUT_ENTRY=${entry})
+endforeach()
+
 add_library(throwing_provider MODULE ${PROJECT_SOURCE_DIR}/tests/support/throwing_provider.cpp)
 tesauth_side_by_side(throwing_provider)
 target_include_directories(throwing_provider PRIVATE ${PROJECT_SOURCE_DIR}/include)
@@ -41,9 +60,23 @@ tesauth_lib_test(lib_stores_test lib_stores_test.cpp)
 tesauth_lib_test(lib_provider_test lib_provider_loading_test.cpp lib_provider_operations_test.cpp)
 tesauth_lib_test(lib_config_store_test lib_config_store_test.cpp)
 tesauth_lib_test(lib_queries_test lib_queries_test.cpp lib_refresh_test.cpp)
-tesauth_lib_test(lib_membership_test lib_host_name_test.cpp lib_membership_test.cpp)
+
+# Tests that spoil the store's database, and give the host a name.
+find_package(OpenSSL REQUIRED COMPONENTS Crypto)
 find_package(SQLite3 REQUIRED)
-target_link_libraries(lib_membership_test PRIVATE SQLite::SQLite3) # spoils the store's database
+add_library(tesauth_spoiled_host OBJECT
+  ${PROJECT_SOURCE_DIR}/tests/support/named_host.cpp
+  ${PROJECT_SOURCE_DIR}/tests/support/spoiled_store.cpp)
+target_link_libraries(tesauth_spoiled_host
+  PUBLIC SQLite::SQLite3 PRIVATE tesauth orvcfg tesauth_test_support GTest::gtest)
+tesauth_lib_test(lib_membership_test lib_host_name_test.cpp lib_membership_test.cpp)
+tesauth_lib_test(lib_proxy_test
+  lib_apx_proxy_test.cpp lib_proxy_certificate_test.cpp lib_proxy_join_test.cpp)
+target_link_libraries(lib_proxy_test PRIVATE hykctl OpenSSL::Crypto)
+foreach(test lib_membership_test lib_proxy_test)
+  target_link_libraries(${test} PRIVATE tesauth_spoiled_host)
+endforeach()
+
 tesauth_lib_test(lib_vtable_test lib_vtable_test.cpp)
 
 add_executable(lib_exit_program ${CMAKE_CURRENT_LIST_DIR}/lib_exit_program.cpp)

@@ -1,13 +1,12 @@
 #include <netdb.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
 
 #include "faults.h"
 #include "log_recorder.h"
-#include "scripted_host.h"
+#include "named_host.h"
 #include "tesauth/config_store.h"
 #include "test_store.h"
 
@@ -18,55 +17,18 @@ using namespace scripted;
 
 using Lines = std::vector<std::pair<int, std::string>>;
 
-const char* const hostsFile = "/etc/hosts";
-const char* const resolverFile = "/etc/resolv.conf";
-const std::string resolver = "nameserver 127.0.0.1\n";
-
-/// A host with one interface, 10.99.7.5, whose names are those of the hosts file.
-class HostNameTest : public ProviderTest {
+class HostNameTest : public NamedHostTest {
 protected:
-    HostNameTest() {
-        char name[65] = {};
-        gethostname(name, sizeof name);
-        oldName_ = name;
-        Shell("cp /etc/hosts /run/hosts.before && cp /etc/resolv.conf /run/resolv.before && "
-              "cp /etc/nsswitch.conf /run/nsswitch.before");
-        Shell("ip link add mgmt0 type veth peer name mgmt1 && ip link set up dev mgmt1 && "
-              "ip link set up dev mgmt0 && ip addr add 10.99.7.5/24 dev mgmt0");
-        WriteFile("/etc/nsswitch.conf", "hosts: files\n");
-        WriteFile(resolverFile, resolver);
-    }
-    ~HostNameTest() override {
-        sethostname(oldName_.c_str(), oldName_.size());
-        Shell("ip link del mgmt0; cat /run/hosts.before > /etc/hosts; "
-              "cat /run/resolv.before > /etc/resolv.conf; "
-              "cat /run/nsswitch.before > /etc/nsswitch.conf");
-    }
-
-    void Name(const std::string& name, const std::string& hosts) {
-        ASSERT_EQ(sethostname(name.c_str(), name.size()), 0);
-        WriteFile(hostsFile, hosts);
-    }
-
     void Sanitise(const std::string& domain) { store.SanitiseHostnameForDomain(domain); }
 
     std::string Refusal(const std::string& domain) {
         return TextOf<InvalidHostNameException>([&] { Sanitise(domain); });
     }
 
-    Lines Log() {
-        Lines lines;
-        for (const LogMessage& message : log.Take()) {
-            lines.emplace_back(message.priority, message.text);
-        }
-        return lines;
-    }
+    Lines Log() { return log.TakeLines(); }
 
     LogRecorder log;
     const TestStore store{10};
-
-private:
-    std::string oldName_;
 };
 
 Lines Mismatch(const std::string& full, const std::string& expected) {

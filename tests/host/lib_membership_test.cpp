@@ -1,14 +1,13 @@
-#include <sqlite3.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <memory>
 
 #include "faults.h"
 #include "log_recorder.h"
 #include "orvcfg/config_store.h"
 #include "scripted_host.h"
+#include "spoiled_store.h"
 #include "tesauth/config_store.h"
 #include "tesauth/configuration.h"
 #include "test_store.h"
@@ -23,8 +22,6 @@ using Words = std::vector<std::string>;
 using Lines = std::vector<std::pair<int, std::string>>;
 
 const Credentials joiner = {"joiner", "secret"};
-const char* const storeFolder = "/var/lib/tessary";
-
 class MembershipTest : public ProviderTest {
 protected:
     MembershipTest() { TestStore::ResetCache(); }
@@ -34,57 +31,7 @@ protected:
         TestStore::ResetCache();
     }
 
-    Lines Log() {
-        Lines lines;
-        for (const LogMessage& message : log.Take()) {
-            lines.emplace_back(message.priority, message.text);
-        }
-        return lines;
-    }
-
-    /// The configuration store fails from here on, whatever is asked of it.
-    static std::string BreakConfigStore() {
-        std::filesystem::remove_all(storeFolder);
-        WriteFile(storeFolder, "not a folder");
-        try {
-            ActiveDirectoryConfigStore store;
-            ADD_FAILURE() << "the store still opens";
-        } catch (const ConfigStoreException& failure) {
-            return failure.what();
-        }
-        return "";
-    }
-
-    /// The configuration store opens and can be read, but refuses changes from here on.
-    static std::string RefuseChanges() {
-        ActiveDirectoryConfigStore store;
-        sqlite3* opened = nullptr;
-        EXPECT_EQ(sqlite3_open("/var/lib/tessary/configstore.db", &opened), SQLITE_OK);
-        const std::unique_ptr<sqlite3, int (*)(sqlite3*)> database(opened, sqlite3_close);
-        EXPECT_EQ(sqlite3_exec(database.get(),
-                               "CREATE TRIGGER refuse_insert BEFORE INSERT ON object"
-                               " BEGIN SELECT RAISE(ABORT, 'refused'); END;"
-                               "CREATE TRIGGER refuse_delete BEFORE DELETE ON object"
-                               " BEGIN SELECT RAISE(ABORT, 'refused'); END;",
-                               nullptr, nullptr, nullptr),
-                  SQLITE_OK)
-            << sqlite3_errmsg(database.get());
-        try {
-            store.StoreDomainInfo("probe.example", "", "");
-            ADD_FAILURE() << "the store still takes changes";
-        } catch (const ConfigStoreException& failure) {
-            return failure.what();
-        }
-        return "";
-    }
-
-    static std::string StoredDomain() {
-        try {
-            return ActiveDirectoryConfigStore().GetDomainName();
-        } catch (const ConfigurationError&) {
-            return "(none)";
-        }
-    }
+    Lines Log() { return log.TakeLines(); }
 
     LogRecorder log;
     TestStore store{10};

@@ -31,13 +31,7 @@ protected:
         TestStore::ResetCache();
     }
 
-    Lines Log() {
-        Lines lines;
-        for (const LogMessage& message : log.Take()) {
-            lines.emplace_back(message.priority, message.text);
-        }
-        return lines;
-    }
+    Lines Log() { return log.TakeLines(); }
 
     LogRecorder log;
 };

@@ -83,6 +83,14 @@ std::vector<LogMessage> LogRecorder::Take() {
     return std::exchange(messages_, {});
 }
 
+std::vector<std::pair<int, std::string>> LogRecorder::TakeLines() {
+    std::vector<std::pair<int, std::string>> lines;
+    for (const LogMessage& message : Take()) {
+        lines.emplace_back(message.priority, message.text);
+    }
+    return lines;
+}
+
 bool LogRecorder::Wait(const std::string& part, std::chrono::milliseconds limit) {
     std::unique_lock lock(mutex_);
     return arrived_.wait_for(lock, limit, [&] {

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 /// What one call of syslog() sent.
@@ -40,6 +41,9 @@ public:
     /// Everything that was sent since the last Take(), which is forgotten hereby. A message whose
     /// syslog() call has returned, in whatever process, is certain to be among it.
     std::vector<LogMessage> Take();
+
+    /// The same, only the priority and the text of each message.
+    std::vector<std::pair<int, std::string>> TakeLines();
 
     /// Waits until a message holds `part` in its text. The messages stay for Take().
     /// @return false if none did within the limit.

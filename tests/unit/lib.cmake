@@ -7,7 +7,9 @@ target_link_libraries(tesauth_faults PUBLIC ${CMAKE_DL_LIBS})
 function(tesauth_scripted_host name)
   foreach(variant scripted_provider scripted_provider_without_metadata
                   scripted_provider_without_operations scripted_provider_unresolved
-                  throwing_provider)
+                  throwing_provider scripted_proxy scripted_proxy_without_table
+                  scripted_proxy_without_entry_1 scripted_proxy_without_entry_2
+                  scripted_proxy_without_entry_3)
     string(TOUPPER ${variant}_FILE macro)
     target_compile_definitions(${name} PRIVATE ${macro}="$<TARGET_FILE:${variant}>")
     add_dependencies(${name} ${variant})
@@ -26,7 +28,8 @@ function(tesauth_lib_test name)
 endfunction()
 
 tesauth_lib_test(lib_exceptions_test lib_exceptions_test.cpp)
-tesauth_lib_test(lib_files_test lib_atomic_file_stream_test.cpp lib_configuration_test.cpp)
+tesauth_lib_test(lib_files_test
+  lib_apx_thumbprint_store_test.cpp lib_atomic_file_stream_test.cpp lib_configuration_test.cpp)
 tesauth_lib_test(lib_ad_cache_test lib_ad_cache_test.cpp)
 tesauth_lib_test(lib_requests_test lib_requests_test.cpp)
 tesauth_lib_test(lib_systemconfiguration_test

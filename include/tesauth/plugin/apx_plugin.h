@@ -1,0 +1,1 @@
+../../../src/provider/apx_plugin.h
