@@ -40,7 +40,9 @@ const Verb verbs[] = {
     {"store", "activate", "Make a store the host's active one",
      "tesauthctl store activate \"Active Directory\"", true, ActivateStore},
     {nullptr, "join", "Join this host to a domain",
-     "tesauthctl join corp.example/Servers/Hosts -U Administrator", true, Join},
+     "tesauthctl join corp.example/Servers/Hosts -U Administrator", true, Join,
+     "With --proxy no credentials are needed: an authentication proxy makes the machine account.\n"
+     "Its certificate has to be imported first, see `proxy import-certificate`."},
     {nullptr, "leave", "Leave the domain; with a user's credentials its account is removed too",
      "tesauthctl leave -U Administrator", true, Leave},
     {nullptr, "status", "Show what this host is joined to and how well that works",
@@ -67,6 +69,15 @@ const Verb verbs[] = {
      false, GetSmartCardServices},
     {"smartcard", "set", "Set the services that take smart cards; none means no service",
      "tesauthctl smartcard set login sshd", true, SetSmartCardServices},
+    {"proxy", "domain", "Print the domain that an authentication proxy serves",
+     "tesauthctl proxy domain 192.0.2.7", false, ShowProxyDomain,
+     "Asks without verifying the proxy's certificate: what it answers is not yet to be trusted."},
+    {"proxy", "import-certificate", "Trust an authentication proxy by its certificate",
+     "tesauthctl proxy import-certificate proxy.pem", true, ImportCertificate,
+     "Takes the place of the certificate that was imported before. Compare the thumbprint with\n"
+     "the one that the proxy printed when it was started."},
+    {"proxy", "show", "Show the certificate that this host trusts its proxy by",
+     "tesauthctl proxy show", false, ShowCertificate},
     {"option", "get", "Print an advanced option of this host",
      "tesauthctl option get UserVars.ActiveDirectoryVerifyAPXCertificate", false, GetOption},
     {"option", "set", "Set an advanced option of this host",
@@ -103,6 +114,7 @@ constexpr Group groups[] = {
     {"store", "Which accounts this host authenticates"},
     {"dcs", "Domain controllers that this host asks first"},
     {"smartcard", "Services that take smart cards"},
+    {"proxy", "The authentication proxy that this host joins through"},
     {"option", "Advanced options of this host"},
     {"pam", "Entries of a PAM policy, in the file of a service"},
     {"nss", "Services of the name-service switch, in its file"},
@@ -150,10 +162,23 @@ void AddNames(CLI::App& app, Arguments& arguments, const char* name, const char*
     app.add_option(name, arguments.names, description)->check(notEmpty);
 }
 
+void AddProxy(CLI::App& app, Arguments& arguments, const char* name) {
+    app.add_option(name, arguments.proxy, "IPv4 address of the authentication proxy")
+        ->check(notEmpty);
+}
+
 void AddJoin(CLI::App& app, Arguments& arguments) {
-    AddDomain(app, arguments, "DOMAIN[/UNIT]",
-              "Domain, and organisational unit for the machine account, from the top");
-    AddUser(app, arguments)->required();
+    auto* domain =
+        app.add_option("DOMAIN[/UNIT]", arguments.domain,
+                       "Domain, and organisational unit for the machine account, from the top")
+            ->check(notEmpty);
+    auto* user = AddUser(app, arguments);
+    AddProxy(app, arguments, "--proxy");
+    auto* proxy = app.get_option("--proxy")->excludes(domain)->excludes(user);
+    app.add_option("--ou", arguments.organizationalUnit,
+                   "Organisational unit for the machine account; the proxy's own unless told")
+        ->check(notEmpty)
+        ->needs(proxy);
     app.add_flag("--skip-hostname-check", arguments.skipHostnameCheck,
                  "Neither check nor complete the host's name first");
 }
@@ -203,6 +228,13 @@ void AddArguments(const Verb& verb, CLI::App& app, Arguments& arguments) {
         AddNames(app, arguments, "CONTROLLER", "Name or address, the first choice first");
     } else if (verb.run == SetSmartCardServices) {
         AddNames(app, arguments, "SERVICE", "Name of a service, as PAM has it");
+    } else if (verb.run == ShowProxyDomain) {
+        AddProxy(app, arguments, "ADDRESS");
+        app.get_option("ADDRESS")->required();
+    } else if (verb.run == ImportCertificate) {
+        app.add_option("FILE", arguments.file.file, "The proxy's certificate, as PEM")
+            ->required()
+            ->check(notEmpty);
     } else if (verb.run == GetOption || verb.run == SetOption) {
         AddName(app, arguments, "NAME", "Name of the option, dots between its levels");
     }

@@ -9,6 +9,7 @@
 #include "maintenance.h"
 #include "orvcfg/config_store.h"
 #include "tesauth/exceptions.h"
+#include "tesauth/plugin/apx_plugin.h"
 
 namespace ctl {
 
@@ -19,6 +20,13 @@ namespace {
 template <typename T>
 bool Is(const std::exception& failure) {
     return dynamic_cast<const T*>(&failure) != nullptr;
+}
+
+/// A number that an authentication proxy refused with; the library has no classes for these.
+template <unsigned long Code>
+bool IsRefusal(const std::exception& failure) {
+    const auto* unknown = dynamic_cast<const auth::UnknownException*>(&failure);
+    return unknown != nullptr && unknown->GetCode() == Code;
 }
 
 /// Whether the configuration store is there and is none that can be used, which no rights mend.
@@ -38,7 +46,9 @@ constexpr const char* stateHint =
 struct Hint {
     bool (*fits)(const std::exception& failure);
     const char* text;
-    const char* forHost = nullptr; ///< when the host's own account acts; null: the same text
+    const char* forHost = nullptr;  ///< when the host's own account acts; null: the same text
+    const char* forProxy = nullptr; ///< when an authentication proxy reported it; null: as for the
+                                    ///< host
 };
 
 const Hint hints[] = {
@@ -88,9 +98,24 @@ const Hint hints[] = {
     {Is<auth::NoLogonServersException>,
      "no domain controller answered: check the network and the name servers in /etc/resolv.conf"},
     {Is<auth::ConnectionRefusedException>,
-     "the domain controller's host answers, its directory service does not: is it running?"},
+     "the domain controller's host answers, its directory service does not: is it running?",
+     nullptr, "is tesauth-apxd running there? it listens on port 8447 unless told otherwise"},
+    {Is<auth::ConnectionInvalidException>, "check the network and any firewall on the way", nullptr,
+     "is this the address of an authentication proxy, on its port? its log may say why it hung up"},
     {Is<auth::WSATimedOutException>,
-     "the domain controllers don't answer: check the network and any firewall on the way"},
+     "the domain controllers don't answer: check the network and any firewall on the way", nullptr,
+     "the proxy does not answer: check its address, the network and any firewall on the way"},
+    {IsRefusal<5>, "", nullptr,
+     "ask the proxy's administrator: its log says why it refused, `tesauth-apxd release HOST` lets "
+     "a host that has an account already join again"},
+    {IsRefusal<87>, "", nullptr,
+     "the proxy does not take this host's full name or the organisational unit: check both"},
+    {IsRefusal<1355>, "", nullptr,
+     "the proxy does not find its domain: its name servers have to know the domain"},
+    {IsRefusal<1311>, "", nullptr,
+     "no domain controller answers the proxy: try again when one does"},
+    {IsRefusal<1359>, "", nullptr,
+     "ask the proxy's administrator: its log says what went wrong there"},
     {Is<auth::DirectoryException>,
      "check the organisational unit; levels are written from the top: DOMAIN/SERVERS/HOSTS"},
     {Is<auth::InvalidComputerNameException>,
@@ -107,6 +132,19 @@ const Hint hints[] = {
      "give the host a name of its own and a line in /etc/hosts: ADDRESS NAME.DOMAIN NAME"},
     {Is<auth::InvalidActiveDirectoryProviderException>,
      "check the key \"provider\" in /etc/tessary/tesauth/provider.conf"},
+    {Is<auth::InvalidAPXProxyProviderException>,
+     "check the key \"provider\" in /etc/tessary/tesauth/apxprovider.conf"},
+    {Is<auth::InvalidAPXCertificateException>,
+     "compare `tesauthctl proxy show` with the thumbprint that the proxy printed; when it has "
+     "another certificate by now: tesauthctl proxy import-certificate FILE"},
+    {Is<auth::InvalidThumbprintStoreException>,
+     "import the proxy's certificate first: tesauthctl proxy import-certificate FILE"},
+    {Is<auth::InvalidVerifyAPXCertificateOptionException>,
+     "set it to 1, or to 0 to verify nothing: tesauthctl option set "
+     "UserVars.ActiveDirectoryVerifyAPXCertificate 1"},
+    {Is<auth::InvalidCertificateException>,
+     "convert it first, as: openssl x509 -inform DER -in FILE -out proxy.pem"},
+    {Is<auth::InvalidIPAddressException>, "write the proxy's IPv4 address, as 192.0.2.7"},
     {Is<auth::ProviderCallTimedOutException>,
      "is a domain controller running? a longer --timeout waits longer"},
     {Is<auth::ConfigurationError>, settingsHint},
@@ -120,7 +158,10 @@ const Hint hints[] = {
 std::string HintFor(const std::exception& failure, ActingAccount account) {
     for (const Hint& hint : hints) {
         if (hint.fits(failure)) {
-            const bool forHost = account == ActingAccount::Host && hint.forHost != nullptr;
+            if (account == ActingAccount::Proxy && hint.forProxy != nullptr) {
+                return hint.forProxy;
+            }
+            const bool forHost = account != ActingAccount::User && hint.forHost != nullptr;
             return forHost ? hint.forHost : hint.text;
         }
     }
@@ -138,6 +179,13 @@ std::string CauseOf(const auth::Exception& failure) {
                        : "";
 }
 
+/// The status that a proxy client reported.
+uint32_t ProxyStatusOf(const auth::Exception& failure) {
+    return Is<auth::InvalidAPXCertificateException>(failure)
+               ? TESAUTH_APX_STATUS_UNTRUSTED_CERTIFICATE // the exception itself has no number
+               : static_cast<uint32_t>(failure.GetCode());
+}
+
 bool MayNot(const char* path, int mode) {
     return faccessat(AT_FDCWD, path, mode, AT_EACCESS) != 0 && (errno == EACCES || errno == EPERM);
 }
@@ -146,7 +194,7 @@ bool MayNot(const char* path, int mode) {
 /// don't carry the cause, so it is looked up where it shows.
 bool ComesFromFileRights(const std::exception& failure, ActingAccount account) {
     if (Is<auth::AccessDeniedException>(failure)) {
-        return account == ActingAccount::Host &&
+        return account != ActingAccount::User &&
                (MayNot("/var/lib/tessary", X_OK) || MayNot("/etc/krb5.keytab", R_OK));
     }
     if (Is<OrvConfigStore::ConfigStoreException>(failure) ||
@@ -173,12 +221,18 @@ ExitCode ExitCodeFor(const std::exception& failure, ActingAccount account) {
 }
 
 Failure Describe(const std::exception& failure, ActingAccount account) {
-    Failure told = {ExitCodeFor(failure, account), failure.what(), 0, HintFor(failure, account),
-                    ""};
+    Failure told = {ExitCode::Failed, failure.what(), 0, "", ""};
     if (const auto* numbered = dynamic_cast<const auth::Exception*>(&failure)) {
         told.code = numbered->GetCode();
         told.cause = CauseOf(*numbered);
+        if (account == ActingAccount::Proxy && !told.cause.empty()) {
+            account = ActingAccount::Host; // the proxy has done its part by then
+        } else if (account == ActingAccount::Proxy) {
+            told.cause = DescribeProxyFailure(ProxyStatusOf(*numbered));
+        }
     }
+    told.exitCode = ExitCodeFor(failure, account);
+    told.hint = HintFor(failure, account);
     if (const auto* hinted = dynamic_cast<const HintedError*>(&failure)) {
         told.hint = hinted->Hint();
     }

@@ -21,7 +21,11 @@ struct Failure {
 };
 
 /// The account that a verb acts with in the directory.
-enum class ActingAccount { Host, User };
+enum class ActingAccount {
+    Host,
+    User,
+    Proxy ///< an authentication proxy's, as long as the failure is not the directory provider's
+};
 
 /// The command line made no sense, in a way that only the verb could see.
 class UsageError : public std::runtime_error {

@@ -19,14 +19,19 @@ Answer Run(const Verb& verb, const Arguments& arguments) {
     return verb.run(arguments);
 }
 
+ActingAccount ActingAs(const Arguments& arguments) {
+    if (!arguments.proxy.empty()) {
+        return ActingAccount::Proxy;
+    }
+    return arguments.user.empty() ? ActingAccount::Host : ActingAccount::User;
+}
+
 ExitCode RunAndTell(const CommandLine& line) {
     const bool asJson = line.arguments.json;
     try {
         return Tell(Run(*line.verb, line.arguments), asJson);
     } catch (...) {
-        const auto account =
-            line.arguments.user.empty() ? ActingAccount::Host : ActingAccount::User;
-        return Tell(DescribeFailure(std::current_exception(), account), asJson);
+        return Tell(DescribeFailure(std::current_exception(), ActingAs(line.arguments)), asJson);
     }
 }
 

@@ -18,6 +18,22 @@ const ActiveDirectoryClientMaintenance* LoadedTable() {
         dlsym(RTLD_DEFAULT, "ActiveDirectoryClientMaintenance"));
 }
 
+/// The sentence that a plug-in has for a status; empty when it has none.
+std::string SentenceFor(size_t (*describe)(uint32_t, char*, size_t), uint32_t status) {
+    if (describe == nullptr) {
+        return "";
+    }
+    std::string sentence(255, '\0');
+    const auto fill = [&] { return describe(status, sentence.data(), sentence.size() + 1); };
+    std::size_t length = fill();
+    if (length > sentence.size()) {
+        sentence.resize(length);
+        length = fill(); // another thread's failure may be longer still: then it is cut off
+    }
+    sentence.resize(length == 0 ? 0 : strnlen(sentence.data(), sentence.size()));
+    return sentence;
+}
+
 std::string TextOrEmpty(const char* text) {
     return text == nullptr ? "" : text;
 }
@@ -50,20 +66,7 @@ std::optional<Maintenance> Maintenance::OfLoadedProvider() {
 }
 
 std::string Maintenance::DescribeFailure(uint32_t status) const {
-    if (table_->describeFailure == nullptr) {
-        return "";
-    }
-    std::string sentence(255, '\0');
-    const auto fill = [&] {
-        return table_->describeFailure(status, sentence.data(), sentence.size() + 1);
-    };
-    std::size_t length = fill();
-    if (length > sentence.size()) {
-        sentence.resize(length);
-        length = fill(); // another thread's failure may be longer still: then it is cut off
-    }
-    sentence.resize(length == 0 ? 0 : strnlen(sentence.data(), sentence.size()));
-    return sentence;
+    return SentenceFor(table_->describeFailure, status);
 }
 
 uint32_t Maintenance::Diagnose(const std::string& domain, const Report& report) const {
@@ -80,6 +83,13 @@ bool Maintenance::RotateMachineKey(uint32_t minimumAgeSeconds) const {
         auth::ThrowMappedException(status);
     }
     return rotated != 0;
+}
+
+std::string DescribeProxyFailure(uint32_t status) {
+    const auto* table = static_cast<const APXProxyClientMaintenance*>(
+        dlsym(RTLD_DEFAULT, "APXProxyClientMaintenance"));
+    const bool usable = table != nullptr && table->apiVersion == TESAUTH_MAINTENANCE_API_VERSION;
+    return usable && status != 0 ? SentenceFor(table->describeFailure, status) : "";
 }
 
 } // namespace ctl

@@ -42,6 +42,10 @@ private:
     const ActiveDirectoryClientMaintenance* table_;
 };
 
+/// Why the latest exchange with an authentication proxy ended with this status; empty when the
+/// proxy client that the library has loaded does not tell. It may have been closed since.
+std::string DescribeProxyFailure(uint32_t status);
+
 } // namespace ctl
 
 #endif

@@ -117,6 +117,10 @@ std::string Table::Text() const {
     return text;
 }
 
+Json TextOrNull(const std::string& text) {
+    return text.empty() ? Json() : Json(text);
+}
+
 Json ToJson(const Failure& failure) {
     Json json = {{"text", failure.text}, {"code", failure.code}};
     if (!failure.cause.empty()) {

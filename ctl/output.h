@@ -23,6 +23,9 @@ private:
 /// a line of its own nor give orders to a terminal.
 std::string OneLine(std::string text);
 
+/// The text, or JSON's null in place of an empty one.
+Json TextOrNull(const std::string& text);
+
 /// The failure as {"text": ..., "code": ...}, with "cause" and "hint" if they are known.
 Json ToJson(const Failure& failure);
 

@@ -22,6 +22,8 @@ struct Arguments {
     std::string value;              ///< of an option
     std::string domain;             ///< for a join with "/" and the organisational unit
     std::string user;               ///< who does it; empty when the host itself does
+    std::string proxy;              ///< address of the authentication proxy that does it
+    std::string organizationalUnit; ///< for a join through a proxy
     PasswordSource password;
     bool skipHostnameCheck = false;
     FileArguments file;
@@ -48,6 +50,10 @@ Answer GetDomainControllers(const Arguments& arguments);
 Answer SetDomainControllers(const Arguments& arguments);
 Answer GetSmartCardServices(const Arguments& arguments);
 Answer SetSmartCardServices(const Arguments& arguments);
+
+Answer ShowProxyDomain(const Arguments& arguments);
+Answer ImportCertificate(const Arguments& arguments);
+Answer ShowCertificate(const Arguments& arguments);
 
 Answer GetOption(const Arguments& arguments);
 Answer SetOption(const Arguments& arguments);

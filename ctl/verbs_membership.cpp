@@ -38,15 +38,30 @@ std::string CurrentDomain() {
     return probe.Configuration().dnsDomainName;
 }
 
-void JoinAs(auth::ActiveDirectoryStore& store, const Arguments& arguments,
-            const Password& password) {
-    try {
-        store.JoinDomain(arguments.domain, {arguments.user.c_str(), password.Text()},
-                         arguments.skipHostnameCheck);
-    } catch (const HostCtl::Lib::HostCtlException& failure) {
-        throw HintedError(failure.what(), "this came up while the host's name was checked; "
-                                          "--skip-hostname-check joins without that");
-    }
+/// Runs a join, and says what helps when the host's name could not be checked.
+void RunJoin(const std::string& whatGoesOn, const std::function<void()>& join) {
+    const auto work = [&join] {
+        try {
+            join();
+        } catch (const HostCtl::Lib::HostCtlException& failure) {
+            throw HintedError(failure.what(), "this came up while the host's name was checked; "
+                                              "--skip-hostname-check joins without that");
+        }
+    };
+    RunReported(whatGoesOn, work, retryHint);
+}
+
+Answer JoinThroughProxy(const Arguments& arguments) {
+    HostStore store(queryWaitSeconds);
+    RunJoin("joining through the proxy " + arguments.proxy, [&] {
+        store.JoinDomainWithAPX(arguments.proxy, arguments.organizationalUnit,
+                                arguments.skipHostnameCheck);
+    });
+    const std::string domain = ReadStoredDomain().name;
+    return {OneLine("joined " + domain),
+            {{"joined", domain},
+             {"organizationalUnit", TextOrNull(arguments.organizationalUnit)},
+             {"proxy", arguments.proxy}}};
 }
 
 /// The domain of a key that was just changed; empty when the provider does not tell.
@@ -100,23 +115,27 @@ void LeaveAs(auth::ActiveDirectoryStore& store, const std::string& user, const P
     auth::ActiveDirectoryConfigStore().RemoveDomainInfo();
 }
 
-Json TextOrNull(const std::string& text) {
-    return text.empty() ? Json() : Json(text);
-}
-
 } // namespace
 
 Answer Join(const Arguments& arguments) {
+    if (!arguments.proxy.empty()) {
+        return JoinThroughProxy(arguments);
+    }
     const auto slash = arguments.domain.find('/');
     const std::string domain = arguments.domain.substr(0, slash);
     if (domain.empty()) {
         throw UsageError("the domain's name is empty");
     }
+    if (arguments.user.empty()) {
+        throw UsageError("-U USER or --proxy ADDRESS says with whose rights to join");
+    }
     Password password;
     ReadPassword(arguments.password, arguments.user, password);
     HostStore store(queryWaitSeconds);
-    RunReported(
-        "joining " + domain, [&] { JoinAs(store, arguments, password); }, retryHint);
+    RunJoin("joining " + domain, [&] {
+        store.JoinDomain(arguments.domain, {arguments.user.c_str(), password.Text()},
+                         arguments.skipHostnameCheck);
+    });
     const std::string unit = slash == std::string::npos ? "" : arguments.domain.substr(slash + 1);
     return {"joined " + domain, {{"joined", domain}, {"organizationalUnit", TextOrNull(unit)}}};
 }

@@ -157,10 +157,6 @@ std::string ToText(const Status& status) {
     return table.Text();
 }
 
-Json TextOrNull(const std::string& text) {
-    return text.empty() ? Json() : Json(text);
-}
-
 Json Errors(const Status& status) {
     Json errors = Json::object();
     const auto add = [&](const char* key, const std::optional<Failure>& failure) {

@@ -6,17 +6,19 @@ add_library(tesauth_ctl_test_host STATIC
   ${CMAKE_CURRENT_LIST_DIR}/ctl_host.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ctl_process.cpp
   ${PROJECT_SOURCE_DIR}/tests/support/scripted_host.cpp)
-target_compile_definitions(tesauth_ctl_test_host PRIVATE
+target_compile_definitions(tesauth_ctl_test_host PUBLIC
   SCRIPTED_PROVIDER_FILE="$<TARGET_FILE:scripted_provider>"
-  BARE_PROVIDER_FILE="$<TARGET_FILE:scripted_provider_without_maintenance>")
+  BARE_PROVIDER_FILE="$<TARGET_FILE:scripted_provider_without_maintenance>"
+  SCRIPTED_PROXY_FILE="$<TARGET_FILE:scripted_proxy_that_stays>"
+  SILENT_PROXY_FILE="$<TARGET_FILE:scripted_proxy>")
 target_link_libraries(tesauth_ctl_test_host PUBLIC tesauth_test_support GTest::gmock
                       nlohmann_json::nlohmann_json ${CMAKE_DL_LIBS})
 add_dependencies(tesauth_ctl_test_host scripted_provider scripted_provider_without_maintenance
-                 tesauthctl)
+                 scripted_proxy scripted_proxy_that_stays tesauthctl)
 
 foreach(name ctl_usage_test ctl_status_test ctl_directory_test ctl_membership_test
              ctl_password_test ctl_settings_test ctl_lists_test ctl_cause_test ctl_diagnose_test
-             ctl_host_checks_test ctl_rotate_key_test ctl_pam_test ctl_nss_test
+             ctl_host_checks_test ctl_rotate_key_test ctl_proxy_test ctl_pam_test ctl_nss_test
              ctl_file_change_test)
   tesauth_host_test(${name} SOURCES ${name}.cpp LIBRARIES tesauth_ctl_test_host)
 endforeach()

@@ -85,11 +85,13 @@ INSTANTIATE_TEST_SUITE_P(
                     Words{"trusts"}, Words{"trust"}, Words{"dc"}, Words{"user"}, Words{"principal"},
                     Words{"dcs"}, Words{"dcs", "get"}, Words{"dcs", "set"}, Words{"smartcard"},
                     Words{"smartcard", "get"}, Words{"smartcard", "set"}, Words{"diagnose"},
-                    Words{"rotate-key"}, Words{"option"}, Words{"option", "get"},
-                    Words{"option", "set"}, Words{"pam"}, Words{"pam", "show"},
-                    Words{"pam", "find"}, Words{"pam", "add"}, Words{"pam", "remove"},
-                    Words{"pam", "restore"}, Words{"nss"}, Words{"nss", "show"},
-                    Words{"nss", "add"}, Words{"nss", "remove"}, Words{"nss", "restore"}));
+                    Words{"rotate-key"}, Words{"proxy"}, Words{"proxy", "domain"},
+                    Words{"proxy", "import-certificate"}, Words{"proxy", "show"}, Words{"option"},
+                    Words{"option", "get"}, Words{"option", "set"}, Words{"pam"},
+                    Words{"pam", "show"}, Words{"pam", "find"}, Words{"pam", "add"},
+                    Words{"pam", "remove"}, Words{"pam", "restore"}, Words{"nss"},
+                    Words{"nss", "show"}, Words{"nss", "add"}, Words{"nss", "remove"},
+                    Words{"nss", "restore"}));
 
 TEST_F(UsageTest, VersionIsANumber) {
     const Result result = Ctl({"--version"});
