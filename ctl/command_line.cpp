@@ -175,12 +175,23 @@ void AddJoin(CLI::App& app, Arguments& arguments) {
     auto* user = AddUser(app, arguments);
     AddProxy(app, arguments, "--proxy");
     auto* proxy = app.get_option("--proxy")->excludes(domain)->excludes(user);
-    app.add_option("--ou", arguments.organizationalUnit,
-                   "Organisational unit for the machine account; the proxy's own unless told")
+    app.add_option(
+           "--ou", arguments.organizationalUnit,
+           "Organisational unit for the machine account, from the top (SERVERS/HOSTS) or as "
+           "a distinguished name; the proxy's own unless told")
         ->check(notEmpty)
         ->needs(proxy);
     app.add_flag("--skip-hostname-check", arguments.skipHostnameCheck,
                  "Neither check nor complete the host's name first");
+}
+
+void RequireDomainOrProxy(const Arguments& arguments) {
+    if (arguments.proxy.empty() && arguments.domain.empty()) {
+        throw CLI::RequiredError("DOMAIN or --proxy");
+    }
+    if (arguments.proxy.empty() && arguments.user.empty()) {
+        throw CLI::RequiredError("--user or --proxy");
+    }
 }
 
 void AddDiagnose(CLI::App& app, Arguments& arguments) {
@@ -253,7 +264,12 @@ void AddVerb(const Verb& verb, CLI::App& parent, CommandLine& line) {
     app->add_flag("--json", line.arguments.json, "Answer in JSON");
     app->footer((verb.note == nullptr ? "" : verb.note + std::string("\n")) +
                 "Example: " + verb.example + "\n" + exitCodes);
-    app->callback([&verb, &line] { line.verb = &verb; });
+    app->callback([&verb, &line] {
+        if (verb.run == Join) {
+            RequireDomainOrProxy(line.arguments);
+        }
+        line.verb = &verb;
+    });
 }
 
 /// Writes why the command line was refused. Words that nobody expected are told only if they are

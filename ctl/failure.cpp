@@ -99,12 +99,15 @@ const Hint hints[] = {
      "no domain controller answered: check the network and the name servers in /etc/resolv.conf"},
     {Is<auth::ConnectionRefusedException>,
      "the domain controller's host answers, its directory service does not: is it running?",
-     nullptr, "is tesauth-apxd running there? it listens on port 8447 unless told otherwise"},
+     nullptr,
+     "is tesauth-apxd running there, on port 8447 unless told otherwise? if so, look at the domain "
+     "controllers"},
     {Is<auth::ConnectionInvalidException>, "check the network and any firewall on the way", nullptr,
      "is this the address of an authentication proxy, on its port? its log may say why it hung up"},
     {Is<auth::WSATimedOutException>,
      "the domain controllers don't answer: check the network and any firewall on the way", nullptr,
-     "the proxy does not answer: check its address, the network and any firewall on the way"},
+     "the proxy, or else a domain controller, does not answer: check the proxy's address, the "
+     "network and any firewall on the way"},
     {IsRefusal<5>, "", nullptr,
      "ask the proxy's administrator: its log says why it refused, `tesauth-apxd release HOST` lets "
      "a host that has an account already join again"},
@@ -141,7 +144,9 @@ const Hint hints[] = {
      "import the proxy's certificate first: tesauthctl proxy import-certificate FILE"},
     {Is<auth::InvalidVerifyAPXCertificateOptionException>,
      "set it to 1, or to 0 to verify nothing: tesauthctl option set "
-     "UserVars.ActiveDirectoryVerifyAPXCertificate 1"},
+     "UserVars.ActiveDirectoryVerifyAPXCertificate 1; where that fails, `tesauthctl diagnose` "
+     "tells "
+     "why"},
     {Is<auth::InvalidCertificateException>,
      "convert it first, as: openssl x509 -inform DER -in FILE -out proxy.pem"},
     {Is<auth::InvalidIPAddressException>, "write the proxy's IPv4 address, as 192.0.2.7"},
@@ -149,7 +154,11 @@ const Hint hints[] = {
      "is a domain controller running? a longer --timeout waits longer"},
     {Is<auth::ConfigurationError>, settingsHint},
     {Is<auth::InvalidKeyException>, settingsHint},
-    {Is<auth::IOError>, settingsHint},
+    {Is<auth::IOError>, settingsHint, nullptr,
+     "is the proxy client that /etc/tessary/tesauth/apxprovider.conf names in "
+     "/usr/libexec/tesauth?"},
+    {Is<std::logic_error>, "", nullptr,
+     "the proxy client that /etc/tessary/tesauth/apxprovider.conf names lacks an operation"},
     {IsDamagedStore, "`tesauthctl diagnose` tells how to mend it"},
     {Is<OrvConfigStore::ConfigStoreException>, stateHint},
     {Is<HostCtl::Lib::HostCtlException>, stateHint},
@@ -204,9 +213,11 @@ bool ComesFromFileRights(const std::exception& failure, ActingAccount account) {
                (access(store, F_OK) != 0 && errno == ENOENT && MayNot("/var/lib", W_OK));
     }
     if (Is<auth::IOError>(failure) || Is<auth::FilePermissionError>(failure) ||
-        Is<auth::InvalidActiveDirectoryProviderException>(failure)) {
+        Is<auth::InvalidActiveDirectoryProviderException>(failure) ||
+        Is<auth::InvalidAPXProxyProviderException>(failure)) {
         return MayNot("/etc/tessary/tesauth/authentication.conf", R_OK) ||
-               MayNot("/etc/tessary/tesauth/provider.conf", R_OK);
+               MayNot("/etc/tessary/tesauth/provider.conf", R_OK) ||
+               MayNot("/etc/tessary/tesauth/apxprovider.conf", R_OK);
     }
     return false;
 }

@@ -126,9 +126,6 @@ Answer Join(const Arguments& arguments) {
     if (domain.empty()) {
         throw UsageError("the domain's name is empty");
     }
-    if (arguments.user.empty()) {
-        throw UsageError("-U USER or --proxy ADDRESS says with whose rights to join");
-    }
     Password password;
     ReadPassword(arguments.password, arguments.user, password);
     HostStore store(queryWaitSeconds);

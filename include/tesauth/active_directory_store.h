@@ -93,14 +93,19 @@ public:
 
     /// Joins the host to the domain that an authentication proxy serves, with a machine account
     /// that the proxy creates. Whether the proxy's certificate is verified is the host's advanced
-    /// option "UserVars.ActiveDirectoryVerifyAPXCertificate". \param serverAddress      the proxy's
-    /// IPv4 address in dotted form \param organizationalUnit for the machine account; empty for the
-    /// proxy's default \param skipHostnameCheck  leaves the host's name as it is, as in JoinDomain
+    /// option "UserVars.ActiveDirectoryVerifyAPXCertificate".
+    ///
+    /// \param serverAddress      the proxy's IPv4 address in dotted form
+    ///
+    /// \param organizationalUnit for the machine account; empty for the proxy's default
+    ///
+    /// \param skipHostnameCheck  leaves the host's name as it is, as in JoinDomain
     ///
     /// Throws InvalidIPAddressException, InvalidVerifyAPXCertificateOptionException,
     /// InvalidHostNameException, InvalidAPXProxyProviderException when no proxy client is
-    /// installed, set or usable, InvalidThumbprintStoreException when the trusted certificate
-    /// cannot be read, the proxy's and the provider's failures,
+    /// installed, set or usable, ConfigurationError or InvalidKeyException when the settings are
+    /// malformed, std::logic_error as APXProxy does, InvalidThumbprintStoreException when the
+    /// trusted certificate cannot be read, the proxy's and the provider's failures,
     /// OrvConfigStore::ConfigStoreException when the join cannot be recorded, after leaving the
     /// domain again, and what SanitiseHostnameForDomain throws. A failure after the proxy has
     /// created the account does not delete it.

@@ -17,7 +17,6 @@ namespace tessary::authentication {
 namespace {
 
 using HostCtl::Adv::AdvancedIntegerOption;
-using HostCtl::Adv::AdvancedNode;
 using HostCtl::Adv::AdvancedOptionBranch;
 using HostCtl::Lib::HostCtlException;
 
@@ -28,8 +27,10 @@ void CheckServerAddress(const std::string& address) {
     }
 }
 
-std::shared_ptr<AdvancedNode> VerifyCertificateOption() {
-    const auto options = HostCtl::HostFactory::GetHost()->GetAdvancedOptions();
+/// The value of the host's option, or -1 when that is no integer.
+int64_t VerifyCertificateValue() {
+    const auto host = HostCtl::HostFactory::GetHost();
+    const auto options = host->GetAdvancedOptions();
     const auto root = options != nullptr ? options->Root() : nullptr;
     if (root == nullptr) {
         throw HostCtlException("Unable to get root option branch");
@@ -42,25 +43,25 @@ std::shared_ptr<AdvancedNode> VerifyCertificateOption() {
     if (option == nullptr) {
         throw HostCtlException("Unable to get the user option");
     }
-    return option;
+    const auto integer = std::dynamic_pointer_cast<AdvancedIntegerOption>(option);
+    return integer != nullptr ? integer->GetValue() : -1;
 }
 
 /// Whether the host wants its proxy's certificate verified.
 bool VerifiesCertificate() {
+    int64_t value = 0;
     try {
-        const auto option =
-            std::dynamic_pointer_cast<AdvancedIntegerOption>(VerifyCertificateOption());
-        const int64_t value = option != nullptr ? option->GetValue() : -1;
-        if (value != 0 && value != 1) {
-            throw InvalidVerifyAPXCertificateOptionException(
-                "Invalid value for UserVars.ActiveDirectoryVerifyAPXCertificate");
-        }
-        return value == 1;
+        value = VerifyCertificateValue();
     } catch (const HostCtlException&) {
         // Kept on purpose: what the host said about it is not passed on.
         throw InvalidVerifyAPXCertificateOptionException(
             "Unable to get advanced option UserVars.ActiveDirectoryVerifyAPXCertificate");
     }
+    if (value != 0 && value != 1) {
+        throw InvalidVerifyAPXCertificateOptionException(
+            "Invalid value for UserVars.ActiveDirectoryVerifyAPXCertificate");
+    }
+    return value == 1;
 }
 
 std::string ConfiguredClientName() {
@@ -133,7 +134,7 @@ void ActiveDirectoryStore::JoinDomainWithAPX(const std::string& serverAddress,
         fullName,
         organizationalUnit.empty() ? proxy->GetDefaultComputerContainer() : organizationalUnit);
     const WipedAtEnd wiped(principal.password);
-    // A failure from here on leaves the account: the proxy removes what no host has taken over.
+    // Kept on purpose: a failure from here on leaves the account to the proxy.
     const APX::DirectoryDomainInfo domain = DomainServedBy(*proxy);
     APX::MachineAccountInfo account = {UpToFirstDot(hostName), domain.dnsName, "",
                                        principal.accountName, principal.password};

@@ -59,7 +59,8 @@ struct APXProxyClientOperations {
                                      const char* thumbprint, const char* certificate,
                                      char** accountName, char** password);
 
-    /// Takes back a string that one of the operations returned; never null.
+    /// Takes back a string that one of the operations returned; never null. One of them is a
+    /// password: overwrite it before its memory goes.
     void (*freeString)(char* text);
 };
 

@@ -67,7 +67,9 @@ APXProxy::APXProxy(const std::string& provider, const std::string& address, bool
     }
 }
 
-APXProxy::~APXProxy() = default;
+APXProxy::~APXProxy() {
+    handle.reset(); // before the strings go
+}
 
 const char* APXProxy::CertificateOrNull() const {
     return certificate.empty() ? nullptr : certificate.c_str();

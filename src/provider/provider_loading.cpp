@@ -48,7 +48,9 @@ ActiveDirectoryProvider::ActiveDirectoryProvider(const std::string& name)
     CacheMetadata();
 }
 
-ActiveDirectoryProvider::~ActiveDirectoryProvider() = default;
+ActiveDirectoryProvider::~ActiveDirectoryProvider() {
+    handle.reset(); // before the strings go
+}
 
 int32_t ActiveDirectoryProvider::GetAPIVersion() const {
     return operations->apiVersion;

@@ -10,11 +10,13 @@ target_compile_definitions(tesauth_ctl_test_host PUBLIC
   SCRIPTED_PROVIDER_FILE="$<TARGET_FILE:scripted_provider>"
   BARE_PROVIDER_FILE="$<TARGET_FILE:scripted_provider_without_maintenance>"
   SCRIPTED_PROXY_FILE="$<TARGET_FILE:scripted_proxy_that_stays>"
-  SILENT_PROXY_FILE="$<TARGET_FILE:scripted_proxy>")
+  SILENT_PROXY_FILE="$<TARGET_FILE:scripted_proxy>"
+  INCOMPLETE_PROXY_FILE="$<TARGET_FILE:scripted_proxy_without_entry_2>")
 target_link_libraries(tesauth_ctl_test_host PUBLIC tesauth_test_support GTest::gmock
                       nlohmann_json::nlohmann_json ${CMAKE_DL_LIBS})
 add_dependencies(tesauth_ctl_test_host scripted_provider scripted_provider_without_maintenance
-                 scripted_proxy scripted_proxy_that_stays tesauthctl)
+                 scripted_proxy scripted_proxy_that_stays scripted_proxy_without_entry_2
+                 tesauthctl)
 
 foreach(name ctl_usage_test ctl_status_test ctl_directory_test ctl_membership_test
              ctl_password_test ctl_settings_test ctl_lists_test ctl_cause_test ctl_diagnose_test

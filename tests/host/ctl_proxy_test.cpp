@@ -92,6 +92,7 @@ TEST_F(ProxyTest, CommandLineNamesADomainOrAProxy) {
     const Words wrong[] = {
         {"join"},
         {"join", "corp.example"},
+        {"join", "-U", "bob"},
         {"join", "--skip-hostname-check"},
         {"join", "corp.example", "--proxy", address},
         {"join", "--proxy", address, "-U", "bob"},
@@ -105,10 +106,16 @@ TEST_F(ProxyTest, CommandLineNamesADomainOrAProxy) {
         {"proxy", "show", "more"},
     };
     for (const Words& words : wrong) {
-        const Result result = Ctl(words, {.input = "secret\n"});
-        EXPECT_EQ(result.status, 2) << testing::PrintToString(words);
-        EXPECT_EQ(result.out, "");
+        for (const bool asNobody : {false, true}) {
+            const Result result = Ctl(words, {.input = "secret\n", .asNobody = asNobody});
+            EXPECT_EQ(result.status, 2) << testing::PrintToString(words);
+            EXPECT_EQ(result.out, "");
+        }
     }
+    EXPECT_EQ(Ctl({"join"}).err,
+              "DOMAIN or --proxy is required\nRun with --help for more information.\n");
+    EXPECT_EQ(Ctl({"join", "corp.example"}).err,
+              "--user or --proxy is required\nRun with --help for more information.\n");
     EXPECT_EQ(ReadFile(calls), "(missing)");
 }
 
@@ -157,9 +164,9 @@ INSTANTIATE_TEST_SUITE_P(
         Told{"domainStatus=1355\n", "hint: the proxy does not find its domain"},
         Told{"domainStatus=1311\n", "hint: no domain controller answers the proxy"},
         Told{"domainStatus=1359\n", "hint: ask the proxy's administrator"},
-        Told{"domainStatus=1225\n", "hint: is tesauth-apxd running there?"},
+        Told{"domainStatus=1225\n", "hint: is tesauth-apxd running there, on"},
         Told{"domainStatus=1229\n", "hint: is this the address of an authentication proxy"},
-        Told{"domainStatus=10060\n", "hint: the proxy does not answer"},
+        Told{"domainStatus=10060\n", "hint: the proxy, or else a domain controller"},
         Told{"domainStatus=2148074277\nsentence=it expired yesterday\n",
              "The APX server's certificate cannot be verified.\n"
              "cause: it expired yesterday (2148074277)\nhint: compare `tesauthctl proxy show`"}));
@@ -177,7 +184,7 @@ TEST_F(ProxyTest, ClientThatTellsNoMoreIsFine) {
     VerifyNothing();
     ScriptProxy("domainStatus=1225\nsentence=gone by then\n");
     const Result result = TryJoin();
-    ExpectFailure(result, 1, "hint: is tesauth-apxd running there?");
+    ExpectFailure(result, 1, "hint: is tesauth-apxd running there, on");
     EXPECT_EQ(result.err.find("cause:"), std::string::npos);
 }
 
@@ -191,6 +198,14 @@ TEST_F(ProxyTest, SettingsThatAreWrong) {
     ExpectFailure(TryJoin(), 1, "hint: check the key \"provider\" in /etc/tessary/tesauth/apx");
     const Result asNobody = Ctl({"join", "--proxy", address}, {.asNobody = true});
     ExpectFailure(asNobody, 3, "hint: try again as root");
+    WriteFile(scripted::proxyProviderFile, "provider = \"nowhere\"\n");
+    ExpectFailure(Ctl({"proxy", "domain", address}), 1,
+                  "hint: is the proxy client that /etc/tessary/tesauth/apxprovider.conf names in");
+    scripted::InstallPlugin(INCOMPLETE_PROXY_FILE, "script");
+    WriteFile(scripted::proxyProviderFile, "provider = \"script\"\n");
+    ExpectFailure(TryJoin(), 1, "apxprovider.conf names lacks an operation");
+    std::filesystem::permissions(scripted::proxyProviderFile, std::filesystem::perms::owner_read);
+    ExpectFailure(Ctl({"proxy", "domain", address}, {.asNobody = true}), 3, "try again as root");
 }
 
 TEST_F(ProxyTest, DomainOfAProxy) {
@@ -202,7 +217,8 @@ TEST_F(ProxyTest, DomainOfAProxy) {
               Json::parse(R"({"proxy": "127.0.0.9", "domain": "corp.example"})"));
     EXPECT_EQ(ReadFile(calls).find("getDomainInfo|127.0.0.9|0||(null)\n"), 0u) << "not verified";
     ScriptProxy("domainStatus=10060\n");
-    ExpectFailure(Ctl({"proxy", "domain", address}), 1, "hint: the proxy does not answer");
+    ExpectFailure(Ctl({"proxy", "domain", address}), 1,
+                  "hint: the proxy, or else a domain controller");
     ScriptProxy("dnsName=corp\x1b[2Jexample\n");
     EXPECT_EQ(Ctl({"proxy", "domain", address}).out.find('\x1b'), std::string::npos);
 }

@@ -72,9 +72,11 @@ target_link_libraries(tesauth_spoiled_host
 tesauth_lib_test(lib_membership_test lib_host_name_test.cpp lib_membership_test.cpp)
 tesauth_lib_test(lib_proxy_test
   lib_apx_proxy_test.cpp lib_proxy_certificate_test.cpp lib_proxy_join_test.cpp)
-target_link_libraries(lib_proxy_test PRIVATE hykctl OpenSSL::Crypto)
-foreach(test lib_membership_test lib_proxy_test)
-  target_link_libraries(${test} PRIVATE tesauth_spoiled_host)
+target_link_libraries(lib_proxy_test PRIVATE OpenSSL::Crypto)
+# It stands in for the host's own libraries, and for the memory's release.
+tesauth_lib_test(lib_proxy_host_test lib_proxy_host_test.cpp)
+foreach(test lib_membership_test lib_proxy_test lib_proxy_host_test)
+  target_link_libraries(${test} PRIVATE tesauth_spoiled_host hykctlcore)
 endforeach()
 
 tesauth_lib_test(lib_vtable_test lib_vtable_test.cpp)

@@ -1,5 +1,7 @@
 #include <openssl/err.h>
+#include <sys/ioctl.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <array>
 #include <cstdio>
@@ -133,7 +135,19 @@ TEST_F(ProxyCertificateTest, EncryptedTextAsksNobodyForAPassword) {
     const std::string head = "-----BEGIN CERTIFICATE-----\n";
     pem.insert(head.size(), "Proc-Type: 4,ENCRYPTED\n"
                             "DEK-Info: AES-256-CBC,00112233445566778899AABBCCDDEEFF\n\n");
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    ASSERT_EQ(write(ends[1], "secret\n", 7), 7);
+    const int input = dup(STDIN_FILENO);
+    dup2(ends[0], STDIN_FILENO);
     ExpectRefused(pem);
+    int unread = 0;
+    EXPECT_EQ(ioctl(STDIN_FILENO, FIONREAD, &unread), 0);
+    EXPECT_EQ(unread, 7);
+    dup2(input, STDIN_FILENO);
+    for (const int end : {ends[0], ends[1], input}) {
+        close(end);
+    }
 }
 
 TEST_F(ProxyCertificateTest, CallersErrorsStayOnTheirList) {

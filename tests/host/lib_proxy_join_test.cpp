@@ -253,6 +253,22 @@ TEST_F(ProxyJoinTest, NothingStoredToVerifyAgainst) {
     EXPECT_EQ(proxy.TakeCalls(), "");
 }
 
+TEST_F(ProxyJoinTest, StoreThatCannotBeReadToVerifyAgainst) {
+    StoreOption("1");
+    const faults::Scope scope;
+    std::string reason;
+    faults::hooks.getHostName = [&](char* name, std::size_t size) { // after the option was read
+        reason = BreakConfigStore();
+        std::snprintf(name, size, "web1.corp.example");
+        return 0;
+    };
+    EXPECT_EQ(TextOf<InvalidThumbprintStoreException>([&] { Join(); }),
+              "The specified thumbprint store 'auth_proxy_certificate' is invalid");
+    EXPECT_EQ(log.TakeLines(),
+              (Lines{{LOG_ERR, "Unable to fetch thumbprint from Config Store: " + reason}}));
+    EXPECT_EQ(proxy.TakeCalls(), "");
+}
+
 TEST_F(ProxyJoinTest, WithoutVerificationNothingStoredIsRead) {
     ActiveDirectoryConfigStore().StoreAuthProxyCertInfo(thumbprint, "PEM");
     Join();
@@ -366,11 +382,25 @@ TEST_F(ProxyJoinTest, ClientIsClosedOnEveryPath) {
     const auto loads = [] { return IsLoaded(pluginDirectory + std::string("libother.so")); };
     InstallPlugin(SCRIPTED_PROXY_FILE, "other"); // a second one, which the test does not hold
     WriteFile(proxyProviderFile, "provider = other\n");
+    const faults::Scope scope;
+    faults::hooks.sleep = [&](unsigned) {
+        EXPECT_TRUE(loads()) << "it lives until the end of the join";
+        return 0u;
+    };
+    Set("joinDomainWithMachineAccount.status", "1326,0");
     Join();
     EXPECT_FALSE(loads());
     Set("joinDomainWithMachineAccount.status", "5");
     EXPECT_THROW(Join(), AccessDeniedException);
     EXPECT_FALSE(loads());
+    WriteFile("/etc/tessary/scripted-proxy.conf", "accountStatus=8\n");
+    EXPECT_THROW(Join(), NotEnoughMemoryException);
+    EXPECT_FALSE(loads());
+    std::filesystem::remove("/etc/tessary/scripted-proxy.conf");
+    Name("linux", "127.0.1.1 linux.corp.example linux\n");
+    EXPECT_THROW(Join("", false), InvalidHostNameException);
+    EXPECT_FALSE(loads());
+    Name("web1.corp.example", "10.99.7.5 web1.corp.example web1\n");
     EXPECT_EQ(store.GetDomainForAPXService(address), "corp.example");
     EXPECT_FALSE(loads());
 }

@@ -2,9 +2,8 @@
 ///
 /// A program that loads it finds its orders in /etc/tessary/scripted-proxy.conf, one key=value a
 /// line: domainStatus, accountStatus (numbers), dnsName, sentence (why something failed), log (a
-/// file that gets the calls as well). A test in the same process finds it by name, since the
-/// library opens plug-ins for all to see: dlsym(RTLD_DEFAULT, "scripted_proxy"). The state lives as
-/// long as the plug-in is loaded. Use by one thread.
+/// file that gets the calls as well). A test in the same process asks for scripted_proxy() by name,
+/// see scripted_proxy_host.h. The state lives as long as the plug-in is loaded. Use by one thread.
 #ifndef TESAUTH_TESTS_SCRIPTED_PROXY_H
 #define TESAUTH_TESTS_SCRIPTED_PROXY_H
 
