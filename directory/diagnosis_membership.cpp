@@ -57,7 +57,20 @@ struct Login {
     std::optional<Error> failure;      ///< why it did not
     std::optional<int> version;        ///< of the key that the account has
     std::optional<Error> queryFailure; ///< why the domain did not tell the version
+    bool takesFormerKey = false;       ///< when the latest one is refused
 };
+
+/// Whether a controller has merely not heard of the account's latest key.
+bool TakesFormerKey(const Controller& controller, const DomainState& state,
+                    const Deadline& deadline) {
+    try {
+        const KerberosContext context(MakeKerberosContext(state.realm));
+        const auto own = ReadKeyGenerations(context.get(), {state.AccountPrincipal()});
+        return own.size() > 1 && AreAccepted(controller, state, own[own.size() - 2].keys, deadline);
+    } catch (const Error&) {
+        return false;
+    }
+}
 
 /// What logs in for other operations may put a key in force that an unfinished change has left in
 /// the keytab. This one only looks.
@@ -71,6 +84,8 @@ Login LogInAt(const std::string& where, const DomainState& state, const Deadline
         LogInAsMachine(*kerberos, state.account, std::string("FILE:") + hostKeytab);
     } catch (const Error& error) {
         login.failure = error;
+        login.takesFormerKey = error.Code() == Status::MachineKeyRejected && controller &&
+                               TakesFormerKey(*controller, state, deadline);
         return login;
     }
     try {
@@ -138,6 +153,12 @@ std::string KeysText(const DomainState& state, const KeytabContent& content) {
            " for " + Counted(state.KeytabPrincipals().size(), "name");
 }
 
+std::string WaitOrJoin(const std::string& domain) {
+    return "wait until the controllers have told one another, then look again; if it stays, join "
+           "again: " +
+           JoinCommand(domain);
+}
+
 /// \param version of the key that the account has
 Finding CompareKeys(const DomainState& state, const KeytabContent& content, int version) {
     const std::string account =
@@ -151,9 +172,7 @@ Finding CompareKeys(const DomainState& state, const KeytabContent& content, int 
         return {keytabCheck, Severity::Warning,
                 "the controller does not know the newest key yet: " + KeysText(state, content) +
                     ", but " + account,
-                "wait until the controllers have told one another, then look again; if it stays, "
-                "join again: " +
-                    JoinCommand(state.domain)};
+                WaitOrJoin(state.domain)};
     return {keytabCheck, Severity::Ok, KeysText(state, content) + ": " + account, ""};
 }
 
@@ -174,15 +193,17 @@ Finding CheckKeys(const DomainState& state, const KeytabContent& content, const 
         return failure(std::string(hostKeytab) + " has no key for " + Listed(missing));
     if (login.version)
         return CompareKeys(state, content, *login.version);
-    if (!IsRejected(login))
+    if (IsRejected(login) && HasUntriedKey(state, content))
+        return UntriedKeyFinding(state, content);
+    if (!IsRejected(login) || login.takesFormerKey)
         return {keytabCheck, Severity::Ok,
                 KeysText(state, content) + "; not compared with " + state.domain +
-                    ", which did not tell",
+                    ", which did not tell: see " + trustCheck,
                 ""};
-    if (HasUntriedKey(state, content))
-        return UntriedKeyFinding(state, content);
-    return failure(KeysText(state, content) + ", which is not the one that " + state.account +
-                   " has in " + state.domain);
+    return {keytabCheck, Severity::Warning,
+            KeysText(state, content) + ", which is not the one that " + state.account + " has in " +
+                state.domain + ": see " + trustCheck,
+            JoinCommand(state.domain)};
 }
 
 /// What a refused login means, and what mends it.
@@ -223,6 +244,10 @@ Finding CheckTrust(const DomainState& state, const KeytabContent& content, const
         return {trustCheck, Severity::Warning,
                 state.domain + " does not take this host's old key; the new one was not tried",
                 finishChange};
+    if (login.takesFormerKey)
+        return {trustCheck, Severity::Warning,
+                "the controller is behind: it takes this host's former key, not yet the latest",
+                WaitOrJoin(state.domain)};
     if (login.failure)
         return TrustFinding(state, *login.failure);
     if (login.queryFailure)

@@ -10,6 +10,7 @@
 #include "text.h"
 
 #include <algorithm>
+#include <memory>
 
 namespace tessary::directory {
 namespace {
@@ -42,10 +43,11 @@ class Enrolment {
 public:
     /// \param state  what the membership will be, but for the account's place
     /// \param before what it is now
-    /// \param change of the account's key, when the host has that account's key already
+    /// \param change of the account's key, when the host has that account's key already; must
+    ///               outlive this
     Enrolment(Session& session, const DomainState& state, const std::optional<DomainState>& before,
-              const std::optional<KeyChange>& change)
-        : session_(session), state_(state), principals_(state.KeytabPrincipals()),
+              std::optional<KeyChange>& change)
+        : session_(session), state_(state), change_(change), principals_(state.KeytabPrincipals()),
           replaced_(principals_), wasMember_(before.has_value()), file_(DomainState::Path()) {
         const krb5_context context = session.Kerberos().Context();
         if (before) {
@@ -56,14 +58,7 @@ public:
                 if (!IsReplaced(principal))
                     going.push_back(std::move(principal));
         }
-        if (change) {
-            principals_ = change->Principals();
-            keyVersionBefore_ = change->Version();
-        }
-        keytab_.emplace(context, [&](const KeytabEntryName& entry) {
-            return !IsReplaced(entry.principal) ||
-                   (change && change->Stays(entry, change->Version() + 1));
-        });
+        keytab_ = std::make_unique<KeytabReplacement>(context, replaced_);
     }
 
     /// \param keys of the account as far as they are known already; may be empty or a guess
@@ -116,22 +111,24 @@ private:
     }
 
     void Fill(const std::vector<AccountKey>& keys, int version) {
-        if (version <= keyVersionBefore_) {
-            // The account is not the one that the old keys are of: it was made anew meanwhile.
-            keytab_.reset();
-            keytab_.emplace(session_.Kerberos().Context(), replaced_);
+        // Where the version has not grown, the account is not the one that the old keys are of: it
+        // was made anew meanwhile.
+        if (change_ && version > change_->Version()) {
+            keytab_.reset(); // which takes its file with it
+            keytab_ = change_->Finished(keys, version);
+        } else {
+            keytab_->Add(change_ ? change_->Principals() : principals_, version, keys);
         }
-        keytab_->Add(principals_, version, keys);
     }
 
     Session& session_;
     DomainState state_;
-    std::vector<std::string> principals_; // who get the new keys
+    std::optional<KeyChange>& change_;
+    std::vector<std::string> principals_; // who get the new keys, without a change
     std::vector<std::string> replaced_;   // whose entries go
     std::vector<std::string> former_;     // whose entries go once the host has another account
-    int keyVersionBefore_ = -1;
     bool wasMember_;
-    std::optional<KeytabReplacement> keytab_;
+    std::unique_ptr<KeytabReplacement> keytab_;
     Replacement file_;
 };
 

@@ -10,11 +10,17 @@
 
 namespace tessary::directory {
 
-/// Sends a Kerberos message over TCP and receives the answer. Where the connection is closed before
-/// that, it asks again, twice at most.
+/// Whether a question may be asked again that the other end may have read already.
+enum class Repeat {
+    Never,
+    WhenDropped, ///< twice at most, where a connection is closed before the first byte of an answer
+};
+
+/// Sends a Kerberos message over TCP and receives the answer. One that is busy with many hosts at
+/// once drops connections that it has just taken; no other failure is worth a repeat.
 /// \throws Error ConnectionRefused, TimedOut or NoController
 std::vector<char> ExchangeWithKdc(const SocketAddress& kdc, std::string_view message,
-                                  const Deadline& deadline);
+                                  const Deadline& deadline, Repeat repeat);
 
 } // namespace tessary::directory
 

@@ -7,10 +7,12 @@
 
 #include <gssapi/gssapi_ext.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <utility>
@@ -84,6 +86,13 @@ std::string StateOfAccount(const krb5_data& errorData) {
     return "";
 }
 
+/// Whether a question carries a proof that its sender has the account's key: pre-authentication
+/// data of type 2, of whose beginning the encoding leaves no choice.
+bool CarriesProof(const krb5_data& message) {
+    constexpr std::string_view beginning("\xA1\x03\x02\x01\x02\xA2", 6);
+    return std::string_view(message.data, message.length).find(beginning) != std::string_view::npos;
+}
+
 /// How far the host's clock is from that of the controller that says so.
 std::string ClockOffset(const krb5_error& refusal) {
     const std::time_t offset = std::time(nullptr) - static_cast<std::time_t>(refusal.stime);
@@ -113,6 +122,7 @@ std::string Message(krb5_context context, krb5_error_code code) {
 using InitialOptions = KerberosOwner<krb5_get_init_creds_opt*, krb5_get_init_creds_opt_free>;
 using InitialRequest = KerberosOwner<krb5_init_creds_context, krb5_init_creds_free>;
 using Credentials = KerberosOwner<krb5_creds*, krb5_free_creds>;
+using Ticket = KerberosOwner<krb5_ticket*, krb5_free_ticket>;
 using ErrorMessage = KerberosOwner<krb5_error*, krb5_free_error>;
 
 using Data = KerberosContents<krb5_data, krb5_free_data_contents>;
@@ -134,6 +144,13 @@ krb5_data* CopyForLibrary(const std::vector<char>& bytes) {
 }
 
 } // namespace
+
+AccountKey AccountKey::Copy() const {
+    krb5_keyblock copy{};
+    if (krb5_copy_keyblock_contents(context_, &key_, &copy) != 0)
+        throw std::bad_alloc();
+    return {context_, copy};
+}
 
 class KerberosSession::Principal {
 public:
@@ -184,8 +201,10 @@ krb5_error_code KerberosSession::Exchange(krb5_context, void* self, const krb5_d
     KerberosSession& session = *static_cast<KerberosSession*>(self);
     try {
         const SocketAddress kdc = session.findKdc_(std::string(realm->data, realm->length));
+        const Repeat repeat =
+            session.proofCounts_ && CarriesProof(*message) ? Repeat::Never : Repeat::WhenDropped;
         *reply = CopyForLibrary(ExchangeWithKdc(kdc, {message->data, message->length},
-                                                session.deadline_.AtMost(exchangeTime)));
+                                                session.deadline_.AtMost(exchangeTime), repeat));
         return 0;
     } catch (const Error& error) {
         session.exchangeError_ = error;
@@ -205,14 +224,13 @@ void KerberosSession::Check(krb5_error_code code, const std::string& what,
         return;
     if (exchangeError && code == KRB5_KDC_UNREACH)
         throw Error(exchangeError->Code(), what + ": " + exchangeError->what());
-    const auto text = [&](const std::string& reason) { return what + ": " + reason; };
-    for (const Meaning& meaning : meanings) {
-        if (meaning.code != code)
-            continue;
-        const std::string usual = meaning.text ? meaning.text : Message(context_, code);
-        throw Error(meaning.status, text(knownReason.empty() ? usual : knownReason));
-    }
-    throw Error(Status::InternalError, text(Message(context_, code)));
+    const Meaning unknown{code, Status::InternalError};
+    const Meaning* meaning = std::find_if(std::begin(meanings), std::end(meanings),
+                                          [&](const Meaning& each) { return each.code == code; });
+    if (meaning == std::end(meanings))
+        meaning = &unknown;
+    const std::string usual = meaning->text ? meaning->text : Message(context_, code);
+    throw Error(meaning->status, what + ": " + (knownReason.empty() ? usual : knownReason));
 }
 
 void KerberosSession::GetInitialTicket(
@@ -234,6 +252,7 @@ void KerberosSession::GetInitialTicket(
     if (wanted.service)
         Check(krb5_init_creds_set_service(context_, request.Get(), wanted.service), what);
     Check(setKey(request.Get()), what);
+    proofCounts_ = wanted.proofCounts;
     // One attempt: the library's one-call form asks a second time after a wrong password, which
     // brings the account closer to its lock-out.
     krb5_error_code code = krb5_init_creds_get(context_, request.Get());
@@ -258,9 +277,10 @@ void KerberosSession::LogIn(const UserName& user, const std::string& domain, con
                                  : Principal(*this, KRB5_NT_ENTERPRISE_PRINCIPAL, realm_,
                                              {user.name + "@" + user.domain});
     const std::string what = "cannot log in to " + realm_ + " as " + user.name;
-    GetInitialTicket(client, {.canonical = !own}, what, [&](krb5_init_creds_context request) {
-        return krb5_init_creds_set_password(context_, request, password);
-    });
+    GetInitialTicket(client, {.canonical = !own, .proofCounts = true}, what,
+                     [&](krb5_init_creds_context request) {
+                         return krb5_init_creds_set_password(context_, request, password);
+                     });
 }
 
 void KerberosSession::LogInWithKeytab(const std::string& account, const std::string& keytab,
@@ -299,6 +319,21 @@ void KerberosSession::GetServiceTicket(const std::string& service, const std::st
     krb5_creds copy = *ticket.Get();
     copy.server = serverOfAnyRealm.Get();
     Check(krb5_cc_store_cred(context_, cache_, &copy), what);
+}
+
+int KerberosSession::KeyVersionOf(const std::string& account) {
+    const std::string what = "no ticket for " + account;
+    PrincipalHandle client(context_);
+    Check(krb5_cc_get_principal(context_, cache_, client.Out()), what);
+    const Principal server(*this, KRB5_NT_PRINCIPAL, realm_, {account});
+    krb5_creds wanted{};
+    wanted.client = client.Get();
+    wanted.server = server.Get();
+    Credentials credentials(context_);
+    Check(krb5_get_credentials(context_, 0, cache_, &wanted, credentials.Out()), what);
+    Ticket ticket(context_);
+    Check(krb5_decode_ticket(&credentials.Get()->ticket, ticket.Out()), what);
+    return static_cast<int>(ticket.Get()->enc_part.kvno);
 }
 
 std::vector<AccountKey> KerberosSession::MakeKeys(const std::string& account,

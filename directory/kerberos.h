@@ -34,6 +34,7 @@ public:
     ~AccountKey() { krb5_free_keyblock_contents(context_, &key_); }
 
     const krb5_keyblock& Get() const { return key_; }
+    AccountKey Copy() const;
 
 private:
     krb5_context context_; // must outlive the key
@@ -64,7 +65,8 @@ public:
     /// The ticket cache's name, valid in this process as long as the session lives.
     const std::string& CacheName() const { return cacheName_; }
 
-    /// Gets the initial ticket of a user.
+    /// Gets the initial ticket of a user. The password's proof is sent once, whatever becomes of
+    /// the connection: each that a controller has seen may count towards the account's lock-out.
     /// \param domain the DNS name of this session's domain; a user who names another one is
     ///               searched for by the domain
     void LogIn(const UserName& user, const std::string& domain, const char* password);
@@ -92,6 +94,9 @@ public:
         GetServiceTicket(service, host, realm_);
     }
 
+    /// The version of an account's key, as this domain writes it on the account's tickets.
+    int KeyVersionOf(const std::string& account);
+
     /// The keys that an account has with this password, one for each kind of encryption used here.
     /// Asks the key distribution centre for the salt. The keys must not outlive the session.
     std::vector<AccountKey> MakeKeys(const std::string& account, const Secret& password);
@@ -110,6 +115,7 @@ private:
     struct TicketOptions {
         bool canonical = false;        ///< the domain may answer with another name for the client
         bool proofAtOnce = false;      ///< without being asked for it
+        bool proofCounts = false;      ///< a wrong one brings the account closer to its lock-out
         const char* service = nullptr; ///< null: the one that gets other tickets
     };
 
@@ -129,6 +135,7 @@ private:
     krb5_context context_ = nullptr;
     krb5_ccache cache_ = nullptr;
     std::string cacheName_;
+    bool proofCounts_ = false; // as TicketOptions has it, of the latest initial ticket
     std::optional<Error> exchangeError_;
 };
 

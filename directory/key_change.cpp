@@ -1,41 +1,47 @@
 #include "key_change.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <ctime>
 
 namespace tessary::directory {
 namespace {
 
 // No ticket can be renewed for longer, unless the domain's policy was changed.
-constexpr krb5_timestamp longestTicketLife = 7 * 24 * 60 * 60;
+constexpr std::int64_t longestTicketLife = 7 * 24 * 60 * 60;
+// A controller refuses a question that is older than its clock may differ from the host's, five
+// minutes; twice that, since the two clocks may be on either side of the domain's.
+constexpr std::int64_t longestQueue = 10 * 60;
+
+std::int64_t Seconds(krb5_timestamp time) {
+    return static_cast<std::uint32_t>(time);
+}
 
 } // namespace
 
 KeyChange::KeyChange(krb5_context context, const DomainState& state, int version)
     : context_(context), accountPrincipal_(state.AccountPrincipal()),
-      principals_(PrincipalsWithKeysOf(context, state)),
+      principals_(PrincipalsWithKeysOf(context, state)), services_(principals_),
       version_(std::max(version, NewestVersion(ReadHostKeys(context, {accountPrincipal_})))),
-      stagedVersion_(std::max(version_, NewestVersion(ReadHostKeys(context, principals_))) + 1),
       now_(static_cast<krb5_timestamp>(std::time(nullptr))) {
-    for (const KeytabKey& key : ReadHostKeys(context, principals_)) {
-        const auto [known, isNew] = since_.emplace(key.name.version, key.name.time);
-        if (!isNew)
-            known->second = std::min(known->second, key.name.time);
-    }
+    std::erase(services_, accountPrincipal_);
+    for (const KeyGeneration& generation : ReadKeyGenerations(context, principals_))
+        since_.emplace(generation.version, generation.since);
 }
 
 bool KeyChange::IsOfAccount(const std::string& principal) const {
     return std::find(principals_.begin(), principals_.end(), principal) != principals_.end();
 }
 
-bool KeyChange::Stays(const KeytabEntryName& entry, int newVersion) const {
-    if (!IsOfAccount(entry.principal))
-        return true;
-    if (entry.version >= newVersion)
-        return false;
-    const auto next = since_.upper_bound(entry.version);
-    return entry.version >= version_ || next == since_.end() || next->first > version_ ||
-           now_ - next->second < longestTicketLife;
+bool KeyChange::IsOutdated(int version) const {
+    const auto next = since_.upper_bound(version);
+    return next != since_.end() && next->first <= version_ &&
+           Seconds(now_) - Seconds(next->second) >= longestTicketLife;
+}
+
+bool KeyChange::MayYetBeTaken(krb5_timestamp asked, krb5_timestamp taken) const {
+    return Seconds(now_) - Seconds(asked) <
+           (Seconds(asked) > Seconds(taken) ? longestTicketLife : longestQueue);
 }
 
 bool KeyChange::MayStillHappen(const Error& error) {
@@ -52,30 +58,68 @@ bool KeyChange::MayStillHappen(const Error& error) {
 }
 
 void KeyChange::Stage(const std::vector<AccountKey>& newKeys) {
-    std::vector<std::string> services(principals_);
-    std::erase(services, accountPrincipal_);
-    KeytabReplacement keytab = Kept(stagedVersion_);
-    keytab.Add(services, stagedVersion_, newKeys);
+    staged_.clear();
+    for (const AccountKey& key : newKeys)
+        staged_.push_back(key.Copy());
+    const int staged = version_ + 1;
+    KeytabReplacement keytab = Kept(staged);
+    keytab.Add(services_, staged, newKeys);
+    AddWaiting(keytab, staged + 1, Waiting({}, staged), 0);
     keytab.Commit();
 }
 
 void KeyChange::TakeBack() {
-    Kept(stagedVersion_).Commit();
+    const int free = version_ + 1;
+    KeytabReplacement keytab = Kept(free);
+    AddWaiting(keytab, free, Waiting({}, free), 0);
+    keytab.Commit();
 }
 
 std::unique_ptr<KeytabReplacement> KeyChange::Finished(const std::vector<AccountKey>& newKeys,
-                                                       int newVersion) {
-    // Once this one is taken, no change that was not answered can have been made, or it is past.
-    const int first = std::min(newVersion, version_ + 1);
-    auto keytab = std::unique_ptr<KeytabReplacement>(new KeytabReplacement(Kept(first)));
-    keytab->Add(principals_, newVersion, newKeys);
+                                                       int newVersion,
+                                                       std::optional<krb5_timestamp> since) {
+    const int below = std::min(newVersion, version_ + 1);
+    auto keytab = std::unique_ptr<KeytabReplacement>(new KeytabReplacement(Kept(below)));
+    keytab->Add(principals_, newVersion, newKeys, since);
+    AddWaiting(*keytab, newVersion + 1, Waiting(newKeys, below), since.value_or(now_));
     return keytab;
 }
 
-KeytabReplacement KeyChange::Kept(int newVersion) {
-    return KeytabReplacement(context_, [this, newVersion](const KeytabEntryName& entry) {
-        return Stays(entry, newVersion);
+/// What the account has from some version on and might need again, the latest question first.
+/// \param taken what the account has for certain
+std::vector<KeyGeneration> KeyChange::Waiting(const std::vector<AccountKey>& taken,
+                                              int below) const {
+    std::vector<KeyGeneration> all = ReadKeyGenerations(context_, principals_);
+    const auto firstWaiting = std::find_if(
+        all.begin(), all.end(), [&](const KeyGeneration& each) { return each.version >= below; });
+    std::vector<KeyGeneration> waiting;
+    for (auto each = firstWaiting; each != all.end(); ++each)
+        if (!SameKeys(each->keys, taken) && !SameKeys(each->keys, staged_) &&
+            std::none_of(all.begin(), firstWaiting,
+                         [&](const KeyGeneration& old) { return SameKeys(old.keys, each->keys); }))
+            waiting.push_back(std::move(*each));
+    // Of the same second the lower version is the later question's.
+    std::stable_sort(waiting.begin(), waiting.end(),
+                     [](const KeyGeneration& one, const KeyGeneration& other) {
+                         return Seconds(one.since) > Seconds(other.since);
+                     });
+    return waiting;
+}
+
+KeytabReplacement KeyChange::Kept(int below) const {
+    return KeytabReplacement(context_, [this, below](const KeytabEntryName& entry) {
+        return !IsOfAccount(entry.principal) ||
+               (entry.version < below && !IsOutdated(entry.version));
     });
+}
+
+/// \param taken when the domain was asked for the change that it is known to have made last; 0
+///              when there is none to go by
+void KeyChange::AddWaiting(KeytabReplacement& keytab, int first, std::vector<KeyGeneration> waiting,
+                           krb5_timestamp taken) const {
+    for (const KeyGeneration& each : waiting)
+        if (MayYetBeTaken(each.since, taken))
+            keytab.Add(services_, first++, each.keys, each.since);
 }
 
 } // namespace tessary::directory

@@ -9,6 +9,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,8 +21,13 @@ namespace tessary::directory {
 /// keytab first, beside the old one, under the names of the services: they take any ticket that
 /// either key fits. The account's own name, which the host logs in with, keeps the old key until
 /// the domain has taken the new one. LogInAsHost() knows that there may be a newer one. (Another
-/// program that logs in with the account's key is refused in the moment between the two.) A key
-/// whose change has not been answered stays, too, until a later one is known to be taken.
+/// program that logs in with the account's key is refused in the moment between the two.)
+///
+/// What the services have above the account's version waits: the domain may have taken it, or may
+/// yet. The newest of it has the version that comes next, since many services look a key up by the
+/// version that the domain wrote on the ticket; what came before it moves up, its time stamp kept.
+/// A waiting key stays for a week; once a change that was asked for later has been made, only for
+/// as long as a question may lie in the queue of a controller that hangs.
 ///
 /// Old keys stay as long as tickets made with them may be around: a week after the next one came.
 ///
@@ -43,26 +49,31 @@ public:
     /// Takes the new key out again. Only for a domain that has said no: a change that has merely
     /// not been answered may still be made.
     void TakeBack();
-    /// A keytab in which the new key is the account's.
+    /// A keytab in which keys are the account's.
     /// \param newVersion old keys that are not older are left out: they are of another account
+    /// \param since      when the domain was asked to take the keys; just now, unless told
     std::unique_ptr<KeytabReplacement> Finished(const std::vector<AccountKey>& newKeys,
-                                                int newVersion);
-
-    /// Which entries stay beside a new key of the account's.
-    bool Stays(const KeytabEntryName& entry, int newVersion) const;
+                                                int newVersion,
+                                                std::optional<krb5_timestamp> since = std::nullopt);
 
     /// Whether a change that failed so may have been made, or may yet be.
     static bool MayStillHappen(const Error& error);
 
 private:
     bool IsOfAccount(const std::string& principal) const;
-    KeytabReplacement Kept(int newVersion);
+    bool IsOutdated(int version) const;
+    bool MayYetBeTaken(krb5_timestamp asked, krb5_timestamp taken) const;
+    std::vector<KeyGeneration> Waiting(const std::vector<AccountKey>& taken, int below) const;
+    KeytabReplacement Kept(int below) const;
+    void AddWaiting(KeytabReplacement& keytab, int first, std::vector<KeyGeneration> waiting,
+                    krb5_timestamp taken) const;
 
     krb5_context context_;
     std::string accountPrincipal_;
     std::vector<std::string> principals_;
+    std::vector<std::string> services_; // the same without the account itself
     int version_;
-    int stagedVersion_;                   // newer than any
+    std::vector<AccountKey> staged_;
     std::map<int, krb5_timestamp> since_; // when each version came into the keytab
     krb5_timestamp now_;
 };

@@ -14,7 +14,7 @@
 namespace tessary::directory {
 namespace {
 
-constexpr std::chrono::seconds settlingTime{5};
+constexpr std::chrono::milliseconds settlingTime{5000};
 
 /// Whether the account's key is so young. One of the future is not: the clock was wrong when it
 /// came.
@@ -28,13 +28,47 @@ bool IsYounger(krb5_context context, const DomainState& state, std::chrono::seco
     return came <= now && now - came < age.count();
 }
 
-/// Whether the domain takes the keys; nothing when nobody is there to ask.
-std::optional<bool> AreTaken(const DomainState& state, const std::vector<AccountKey>& keys) {
+/// Nothing when the controller cannot be asked.
+std::optional<bool> AreAcceptedIfAsked(const Controller& controller, const DomainState& state,
+                                       const std::vector<AccountKey>& keys,
+                                       const Deadline& deadline) {
     try {
-        const Deadline deadline = Deadline::In(settlingTime);
-        return AreAccepted(LocateController(state.domain, {}, deadline), state, keys, deadline);
+        return AreAccepted(controller, state, keys, deadline);
     } catch (const Error&) {
         return std::nullopt;
+    }
+}
+
+/// Whether the domain has taken the keys; nothing when that is not known. The controller that was
+/// asked to take them knows. Any other may just not have heard of it: it can only confirm it.
+std::optional<bool> AreTaken(const Controller& asked, const DomainState& state,
+                             const std::vector<AccountKey>& keys) {
+    const Deadline deadline = Deadline::In(settlingTime);
+    if (const auto answer =
+            AreAcceptedIfAsked(asked, state, keys, deadline.AtMost(settlingTime / 2)))
+        return answer;
+    try {
+        const Controller other = LocateController(state.domain, {}, deadline);
+        if (AreAcceptedIfAsked(other, state, keys, deadline).value_or(false))
+            return true;
+    } catch (const Error&) {
+        // Nobody is there.
+    }
+    return std::nullopt;
+}
+
+/// The right to change the password, got with the account's key. A session that is there although
+/// that key is refused was got with the former one.
+PasswordChange StartChange(const Session& session, const DomainState& state) {
+    try {
+        return PasswordChange(session, state.account, std::string("FILE:") + hostKeytab);
+    } catch (const Error& error) {
+        if (error.Code() != Status::MachineKeyRejected)
+            throw;
+        throw Error(
+            Status::NoController,
+            session.Where().host +
+                " is behind: it has not heard of the host's latest key yet; try again later");
     }
 }
 
@@ -44,14 +78,16 @@ std::optional<bool> AreTaken(const DomainState& state, const std::vector<Account
 /// \param before the version that this controller had before the change
 void Confirm(Session& session, const DomainState& state, KeyChange& change, int before,
              const std::vector<AccountKey>& keys, const Secret& password) {
+    if (session.End().Milliseconds() < settlingTime.count())
+        session.Reconnect(Deadline::In(settlingTime));
     MachineAccounts accounts(session);
     const std::optional<LdapEntry> account = accounts.Find(state.account);
     if (!account)
         return;
     const int expected = change.Version() + 1;
     const int told = MachineAccounts::KeyVersionOf(*account);
-    // A version that is still the old one is that of a controller that has not heard of it yet.
-    const int version = told == before ? expected : told;
+    // A version that is not newer is that of a controller that has not heard of it yet.
+    const int version = told <= before ? expected : told;
     if (!AreAccepted(session.Where(), state, keys, session.End()))
         change.Finished(session.Kerberos().MakeKeys(state.account, password), version)->Commit();
     else if (version != expected)
@@ -79,7 +115,7 @@ bool RotateKey(std::chrono::seconds minimumAge) {
         throw Error(Status::NoMachineAccount, "the domain has no account " + state->account);
     const Secret password = MakeMachinePassword();
     const std::vector<AccountKey> keys = session.Kerberos().MakeKeys(state->account, password);
-    PasswordChange change(session, state->account, std::string("FILE:") + hostKeytab);
+    PasswordChange change = StartChange(session, *state);
 
     const int before = MachineAccounts::KeyVersionOf(*account);
     KeyChange keytab(context, *state, before);
@@ -92,7 +128,7 @@ bool RotateKey(std::chrono::seconds minimumAge) {
         // The answer is lost, or it is one to a question that was repeated; the change may have
         // been made all the same. Should nobody be there to ask, the keytab has both keys, and the
         // next login finds out.
-        const std::optional<bool> taken = AreTaken(*state, keys);
+        const std::optional<bool> taken = AreTaken(session.Where(), *state, keys);
         if (taken == false && !KeyChange::MayStillHappen(error))
             keytab.TakeBack();
         if (!taken.value_or(false))

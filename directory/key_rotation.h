@@ -13,7 +13,8 @@ namespace tessary::directory {
 /// \return whether there is a new key
 /// \throws Error FileNotFound when the host is not joined; MachineKeyRejected, NoMachineAccount,
 ///         AccountDisabled, PasswordRefused, AccessDenied, ClockSkew, CallInProgress and the
-///         statuses of LocateController()
+///         statuses of LocateController(); NoController also when the controller has not heard of
+///         the key that is to be replaced
 /// Thread safety: any number of threads and processes; one after the other runs.
 bool RotateKey(std::chrono::seconds minimumAge);
 

@@ -5,6 +5,8 @@
 
 #include <arpa/inet.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -153,7 +155,8 @@ KeytabInMemory::KeytabInMemory(krb5_context context, std::string_view content)
 }
 
 void KeytabInMemory::Add(const std::vector<std::string>& principals, int keyVersion,
-                         const std::vector<AccountKey>& keys) {
+                         const std::vector<AccountKey>& keys,
+                         std::optional<krb5_timestamp> written) {
     KeytabHandle keytab(context_);
     Check(context_, krb5_kt_resolve(context_, Name().c_str(), keytab.Out()), "cannot write");
     for (const std::string& name : principals) {
@@ -167,8 +170,29 @@ void KeytabInMemory::Add(const std::vector<std::string>& principals, int keyVers
             entry.vno = static_cast<krb5_kvno>(keyVersion);
             entry.key = key.Get();
             Check(context_, krb5_kt_add_entry(context_, keytab.Get(), &entry), "cannot write");
+            if (written)
+                StampLast(key, *written);
         }
     }
+}
+
+/// The library stamps what it writes with the present time, whatever it is told. After the time
+/// stamp an entry has the low byte of the version, the kind of encryption, the key and its length,
+/// and the version.
+void KeytabInMemory::StampLast(const AccountKey& key, krb5_timestamp written) {
+    const std::size_t fromEnd = sizeof(std::uint32_t) + 1 + sizeof(std::uint16_t) +
+                                sizeof(std::uint16_t) + key.Get().length + sizeof(std::uint32_t);
+    char format[keytabFormat.size()];
+    struct stat information {};
+    if (pread(file_.Get(), format, sizeof format, 0) != sizeof format ||
+        fstat(file_.Get(), &information) != 0)
+        ThrowFileError(errno, std::string("cannot write ") + hostKeytab);
+    const auto native = static_cast<std::uint32_t>(written);
+    const std::uint32_t stamp =
+        std::string_view(format, sizeof format) == keytabFormat ? htonl(native) : native;
+    const off_t place = information.st_size - static_cast<off_t>(fromEnd);
+    if (pwrite(file_.Get(), &stamp, sizeof stamp, place) != sizeof stamp)
+        ThrowFileError(errno, std::string("cannot write ") + hostKeytab);
 }
 
 std::string KeytabInMemory::Name() const {
@@ -210,25 +234,77 @@ int NewestVersion(const std::vector<KeytabKey>& keys) {
     return newest;
 }
 
+std::vector<KeyGeneration> ReadKeyGenerations(krb5_context context,
+                                              const std::vector<std::string>& principals) {
+    struct Holding {
+        std::string holder; // of several, since each has the same keys
+        KeyGeneration generation;
+    };
+    std::map<int, Holding> holdings;
+    for (KeytabKey& key : ReadHostKeys(context, principals)) {
+        const KeytabEntryName& name = key.name;
+        Holding& holding =
+            holdings
+                .try_emplace(name.version, Holding{name.principal, {name.version, name.time, {}}})
+                .first->second;
+        holding.generation.since = std::min(holding.generation.since, name.time);
+        if (holding.holder == name.principal)
+            holding.generation.keys.push_back(std::move(key.key));
+    }
+    std::vector<KeyGeneration> generations;
+    for (auto& [version, holding] : holdings)
+        generations.push_back(std::move(holding.generation));
+    return generations;
+}
+
+bool SameKeys(const std::vector<AccountKey>& some, const std::vector<AccountKey>& others) {
+    return std::any_of(some.begin(), some.end(), [&](const AccountKey& one) {
+        return std::any_of(others.begin(), others.end(),
+                           [&](const AccountKey& other) { return BytesOf(one) == BytesOf(other); });
+    });
+}
+
+namespace {
+
+/// What is newest among one principal's keys.
+struct Newest {
+    int version = -1;
+    krb5_timestamp time = 0;
+    bool versionIsTheAccounts = false;
+    bool timeIsTheAccounts = false;
+
+    void Take(const KeytabKey& key, bool isTheAccounts) {
+        Take(key.name.version, version, isTheAccounts, versionIsTheAccounts);
+        Take(key.name.time, time, isTheAccounts, timeIsTheAccounts);
+    }
+
+private:
+    template <typename Value>
+    static void Take(Value value, Value& newest, bool isTheAccounts, bool& newestIs) {
+        newestIs = value > newest ? isTheAccounts : newestIs || (value == newest && isTheAccounts);
+        newest = std::max(newest, value);
+    }
+};
+
+} // namespace
+
 std::vector<std::string> PrincipalsWithKeysOf(krb5_context context, const DomainState& state) {
     std::vector<std::string> principals = state.KeytabPrincipals();
     const std::vector<KeytabKey> all = ReadHostKeys(context);
-    std::map<std::string, int> newest;
-    for (const KeytabKey& key : all) {
-        const auto [known, isNew] = newest.emplace(key.name.principal, key.name.version);
-        known->second = std::max(known->second, key.name.version);
-    }
-    for (const KeytabKey& key : all) {
-        // A service may have had the account's key once and have another account's now.
-        if (key.name.version < newest.at(key.name.principal) ||
-            IsOneOf(key.name.principal, principals))
-            continue;
-        if (std::any_of(all.begin(), all.end(), [&](const KeytabKey& other) {
-                return IsOneOf(other.name.principal, state.KeytabPrincipals()) &&
-                       BytesOf(other.key) == BytesOf(key.key);
-            }))
-            principals.push_back(key.name.principal);
-    }
+    const auto isTheAccounts = [&](const KeytabKey& key) {
+        return std::any_of(all.begin(), all.end(), [&](const KeytabKey& other) {
+            return IsOneOf(other.name.principal, state.KeytabPrincipals()) &&
+                   BytesOf(other.key) == BytesOf(key.key);
+        });
+    };
+    // A service may have had the account's key once and have another account's now.
+    std::map<std::string, Newest> others;
+    for (const KeytabKey& key : all)
+        if (!IsOneOf(key.name.principal, state.KeytabPrincipals()))
+            others[key.name.principal].Take(key, isTheAccounts(key));
+    for (const auto& [principal, newest] : others)
+        if (newest.versionIsTheAccounts && newest.timeIsTheAccounts)
+            principals.push_back(principal);
     return principals;
 }
 
@@ -267,9 +343,10 @@ void KeytabReplacement::Copy(const Filter& keep) {
 }
 
 void KeytabReplacement::Add(const std::vector<std::string>& principals, int keyVersion,
-                            const std::vector<AccountKey>& keys) {
+                            const std::vector<AccountKey>& keys,
+                            std::optional<krb5_timestamp> written) {
     KeytabInMemory added(context_, format_);
-    added.Add(principals, keyVersion, keys);
+    added.Add(principals, keyVersion, keys, written);
     const Secret bytes = added.Bytes();
     file_.Write(bytes.View().substr(format_.size()));
     empty_ = empty_ && principals.empty();

@@ -9,6 +9,7 @@
 #include <krb5.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -33,6 +34,13 @@ struct KeytabKey {
     AccountKey key;
 };
 
+/// The keys that an account has, or might have, at one time.
+struct KeyGeneration {
+    int version;
+    krb5_timestamp since; ///< when the first of them was written
+    std::vector<AccountKey> keys;
+};
+
 /// All keys of the host's keytab, in its order; a keytab that is not there has none.
 /// \param context must outlive the keys
 /// \throws Error when the keytab cannot be read
@@ -45,8 +53,16 @@ std::vector<KeytabKey> ReadHostKeys(krb5_context context,
 /// The newest version among some keys; -1 without any.
 int NewestVersion(const std::vector<KeytabKey>& keys);
 
+/// The keys of principals that share an account, once for all of them, the lowest version first.
+std::vector<KeyGeneration> ReadKeyGenerations(krb5_context context,
+                                              const std::vector<std::string>& principals);
+
+/// Whether two generations are of the same password; a kind of encryption may lack in either.
+bool SameKeys(const std::vector<AccountKey>& some, const std::vector<AccountKey>& others);
+
 /// The principals that have a key of the host's account: the account's own, those of its services,
-/// and any other whose newest key somebody has made the same.
+/// and any other whose newest key somebody has made the same. Newest is that of the highest version
+/// and that which was written last: versions of two accounts do not compare.
 std::vector<std::string> PrincipalsWithKeysOf(krb5_context context, const DomainState& state);
 
 /// A keytab that is nowhere but in memory. (The library's own file format on a disk costs a wait
@@ -58,14 +74,18 @@ public:
     explicit KeytabInMemory(krb5_context context, std::string_view content = keytabFormat);
 
     /// Adds the keys for each of the principals, complete names.
+    /// \param written the time stamp; now, unless told
     void Add(const std::vector<std::string>& principals, int keyVersion,
-             const std::vector<AccountKey>& keys);
+             const std::vector<AccountKey>& keys,
+             std::optional<krb5_timestamp> written = std::nullopt);
 
     /// The keytab as a Kerberos call takes it, in this process.
     std::string Name() const;
     Secret Bytes() const;
 
 private:
+    void StampLast(const AccountKey& key, krb5_timestamp written);
+
     krb5_context context_;
     UniqueFd file_;
 };
@@ -87,7 +107,8 @@ public:
 
     /// As KeytabInMemory::Add().
     void Add(const std::vector<std::string>& principals, int keyVersion,
-             const std::vector<AccountKey>& keys);
+             const std::vector<AccountKey>& keys,
+             std::optional<krb5_timestamp> written = std::nullopt);
 
     /// The new version as a Kerberos call takes it.
     std::string Name() const { return "FILE:" + file_.Path(); }

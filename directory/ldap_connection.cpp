@@ -114,7 +114,8 @@ LdapConnection::LdapConnection(UniqueFd socket, const std::string& host)
     // Late, a change or a deletion would hit what another attempt has made meanwhile.
     TakeBackUnsentOnClose(socket.Get());
     LDAP* handle = nullptr;
-    const std::string url = "ldap://" + host;
+    const bool isIpv6 = host.find(':') != std::string::npos;
+    const std::string url = "ldap://" + (isIpv6 ? "[" + host + "]" : host);
     const int result = ldap_init_fd(socket.Get(), LDAP_PROTO_TCP, url.c_str(), &handle);
     if (result != LDAP_SUCCESS)
         ThrowLdapError(result, "", "cannot set up a connection to " + host);

@@ -1,65 +1,14 @@
 #include "machine_login.h"
 
 #include "error.h"
+#include "key_change.h"
 #include "keytab.h"
 #include "session.h"
 
-#include <functional>
-#include <map>
+#include <algorithm>
 #include <optional>
 
 namespace tessary::directory {
-namespace {
-
-/// The account's keys of one version.
-struct VersionedKeys {
-    int version;
-    std::vector<AccountKey> keys;
-};
-
-/// What the keytab has under any of the host's names, the newest first.
-std::vector<VersionedKeys> HostKeysByVersion(krb5_context context, const DomainState& state) {
-    struct Holding {
-        std::string holder; // of several, since each has the same keys
-        std::vector<AccountKey> keys;
-    };
-    std::map<int, Holding, std::greater<>> holdings;
-    for (KeytabKey& key : ReadHostKeys(context, state.KeytabPrincipals())) {
-        Holding& holding = holdings[key.name.version];
-        if (holding.keys.empty())
-            holding.holder = key.name.principal;
-        if (holding.holder == key.name.principal)
-            holding.keys.push_back(std::move(key.key));
-    }
-    std::vector<VersionedKeys> all;
-    for (auto& [version, holding] : holdings)
-        all.push_back({version, std::move(holding.keys)});
-    return all;
-}
-
-int VersionOfAccount(krb5_context context, const DomainState& state) {
-    return NewestVersion(ReadHostKeys(context, {state.AccountPrincipal()}));
-}
-
-void Adopt(krb5_context context, const DomainState& state, const VersionedKeys& newest) {
-    if (VersionOfAccount(context, state) >= newest.version)
-        return;
-    KeytabReplacement keytab(context, [](const KeytabEntryName&) { return true; });
-    keytab.Add({state.AccountPrincipal()}, newest.version, newest.keys);
-    keytab.Commit();
-}
-
-/// Whoever holds the lock is changing the key right now, and will do this himself.
-void AdoptUnlessBusy(krb5_context context, const DomainState& state, const VersionedKeys& newest) {
-    try {
-        const StateLock lock(membershipLock, Deadline::In(std::chrono::seconds(0)));
-        Adopt(context, state, newest);
-    } catch (const Error&) {
-        // The next login will find it as this one did.
-    }
-}
-
-} // namespace
 
 void LogInAsMachine(KerberosSession& kerberos, const std::string& account,
                     const std::string& keytab, const char* service) {
@@ -91,11 +40,57 @@ bool LogsIn(KerberosSession& kerberos, const DomainState& state,
     }
 }
 
+/// What the host logs in with.
+KeyGeneration KeysOfAccount(krb5_context context, const DomainState& state) {
+    std::vector<KeyGeneration> all = ReadKeyGenerations(context, {state.AccountPrincipal()});
+    return all.empty() ? KeyGeneration{-1, 0, {}} : std::move(all.back());
+}
+
+/// Puts keys in force that the domain has just taken. Whoever has put others in force meanwhile
+/// knows better.
+/// \param refused what the account had in the keytab
+/// \param version of the accepted keys, as the domain counts
+void Adopt(krb5_context context, const DomainState& state, const KeyGeneration& refused,
+           const KeyGeneration& accepted, int version) {
+    const KeyGeneration present = KeysOfAccount(context, state);
+    if (present.version != refused.version ||
+        (!present.keys.empty() && !SameKeys(present.keys, refused.keys)))
+        return;
+    const int before = refused.keys.empty() ? version - 1 : refused.version;
+    KeyChange(context, state, before).Finished(accepted.keys, version, accepted.since)->Commit();
+}
+
+/// The version that services see on their tickets.
+/// \param refused the version of the keys that were in force before
+int VersionOfAccepted(KerberosSession& kerberos, const DomainState& state, int refused) {
+    try {
+        return kerberos.KeyVersionOf(state.account);
+    } catch (const Error&) {
+        return refused + 1; // nearly always so
+    }
+}
+
+void AdoptAccepted(KerberosSession& kerberos, const DomainState& state,
+                   const KeyGeneration& refused, const KeyGeneration& accepted,
+                   const StateLock* held) {
+    const krb5_context context = kerberos.Context();
+    const int version = VersionOfAccepted(kerberos, state, refused.version);
+    if (held)
+        return Adopt(context, state, refused, accepted, version);
+    try {
+        const StateLock lock(membershipLock, Deadline::In(std::chrono::seconds(0)));
+        Adopt(context, state, refused, accepted, version);
+    } catch (const Error&) {
+        // Whoever holds the lock is changing the key right now, and will do this himself. Else the
+        // next login will find it as this one did.
+    }
+}
+
 } // namespace
 
 void LogInAsHost(KerberosSession& kerberos, const DomainState& state, const StateLock* held) {
     const krb5_context context = kerberos.Context();
-    const int tried = VersionOfAccount(context, state);
+    const KeyGeneration own = KeysOfAccount(context, state);
     std::optional<Error> refusal;
     try {
         return LogInAsMachine(kerberos, state.account, std::string("FILE:") + hostKeytab);
@@ -104,18 +99,16 @@ void LogInAsHost(KerberosSession& kerberos, const DomainState& state, const Stat
             throw;
         refusal = error;
     }
-    for (const VersionedKeys& other : HostKeysByVersion(context, state)) {
-        if (other.version == tried)
-            continue;
-        if (LogsIn(kerberos, state, other.keys)) {
-            if (other.version > tried)
-                held ? Adopt(context, state, other) : AdoptUnlessBusy(context, state, other);
-            return;
-        }
-        if (other.version < tried)
-            break; // a controller is behind by one change, not by more
-    }
-    throw *refusal;
+    const std::vector<KeyGeneration> all = ReadKeyGenerations(context, state.KeytabPrincipals());
+    for (const KeyGeneration& waiting : all) // the latest question has the lowest version
+        if (waiting.version > own.version && LogsIn(kerberos, state, waiting.keys))
+            return AdoptAccepted(kerberos, state, own, waiting, held);
+    // A controller is behind by one change, not by more.
+    const auto former = std::find_if(all.rbegin(), all.rend(), [&](const KeyGeneration& each) {
+        return each.version < own.version;
+    });
+    if (former == all.rend() || !LogsIn(kerberos, state, former->keys))
+        throw *refusal;
 }
 
 bool AreAccepted(const Controller& controller, const DomainState& state,

@@ -21,8 +21,8 @@ void LogInAsMachine(KerberosSession& kerberos, const std::string& account,
 
 /// The same with the host's keytab. Where the controller does not accept the account's key, the
 /// newer ones are tried that a change of keys has left there (see KeyChange); one that is right
-/// becomes the account's. Last comes the account's former key: a controller may not have heard of
-/// the latest one.
+/// becomes that of the account and its services, under the version that the domain has given it.
+/// Last comes the account's former key: a controller may not have heard of the latest one.
 /// \param held the membershipLock, if the caller has it; else null
 void LogInAsHost(KerberosSession& kerberos, const DomainState& state,
                  const StateLock* held = nullptr);

@@ -21,6 +21,7 @@ target_include_directories(adldap_plugin PRIVATE ${PROJECT_SOURCE_DIR}/src/provi
 tesauth_host_test(adldap_kdc_exchange
   SOURCES adldap_kdc_exchange_test.cpp
   LIBRARIES tesauth_directory)
+target_link_libraries(adldap_kdc_exchange PRIVATE ${CMAKE_DL_LIBS})
 
 tesauth_host_test(adldap_resolver
   SOURCES adldap_resolver_test.cpp

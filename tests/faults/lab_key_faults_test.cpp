@@ -112,7 +112,123 @@ TEST_F(LabKeyRotation, LostQuestionLeavesTheOldKey) {
     ExpectAllWorks();
     atChange = nullptr;
     EXPECT_EQ(StatusOfRotation(), Status::Success);
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before, before + 1));
+    EXPECT_THAT(VersionsOfService(), ElementsAre(before, before + 1, before + 2))
+        << "another controller may have the first question in its queue";
+    ExpectAllWorks();
+}
+
+TEST_F(LabKeyRotation, ServicesLookUpTheKeyThatWasAskedForLast) {
+    const int before = VersionInDomain();
+    atChange = [](const auto&, int*) { return static_cast<krb5_error_code>(KRB5_KDC_UNREACH); };
+    EXPECT_EQ(StatusOfRotation(), Status::NoController);
+    atChange = [](const auto& real, int*) -> krb5_error_code {
+        real();
+        Die();
+    };
+    RotateInProcessThatDies();
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before));
+    LoginProgram program;
+    EXPECT_EQ(LogIn(program), 0) << "no repair was needed for this";
+    ExpectAllWorks();
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before, before + 1));
+    EXPECT_EQ(VersionInDomain(), before + 1);
+}
+
+TEST_F(LabKeyRotation, KeyThatTheDomainHasCountedOtherwiseIsFoundByAnyLogin) {
+    const int before = VersionInDomain();
+    const DomainState state = DomainState::Load().value();
+    atChange = [&](const auto& real, int*) -> krb5_error_code {
+        SetPassword(state, "Another.Password.1234"); // which counts as well
+        real();
+        Die();
+    };
+    RotateInProcessThatDies();
     EXPECT_THAT(VersionsOfService(), ElementsAre(before, before + 1));
+    EXPECT_EQ(TestMachineTrust(), MachineTrust::Good);
+    EXPECT_EQ(VersionInDomain(), before + 2);
+    for (const auto& [principal, each] : Versions())
+        EXPECT_THAT(each, ElementsAre(before, before + 2)) << principal;
+    ExpectAllWorks();
+}
+
+TEST_F(LabKeyRotation, QuestionThatAControllerAnswersLateIsFoundByAnyLogin) {
+    const int before = VersionInDomain();
+    const DomainState state = DomainState::Load().value();
+    std::string late;
+    atChange = [&](const auto&, int*) {
+        late = askedFor;
+        return static_cast<krb5_error_code>(KRB5_KDC_UNREACH);
+    };
+    EXPECT_EQ(StatusOfRotation(), Status::NoController);
+    atChange = nullptr;
+    EXPECT_EQ(StatusOfRotation(), Status::Success);
+    SetPassword(state, late);
+    EXPECT_EQ(TestMachineTrust(), MachineTrust::Good);
+    EXPECT_EQ(VersionInDomain(), before + 2);
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before, before + 1, before + 2));
+    ExpectAllWorks();
+}
+
+/// As long as this lives, no way leads to the controller's first address. The second one is known.
+class FirstAddressUnreachable {
+public:
+    FirstAddressUnreachable() {
+        Route("add");
+        LabKeyRotation::Prefer(Lab("DC1_ADDRESS6"));
+    }
+    ~FirstAddressUnreachable() {
+        Route("del");
+        LabKeyRotation::Prefer(Lab("DC1_ADDRESS"));
+    }
+    FirstAddressUnreachable(const FirstAddressUnreachable&) = delete;
+    FirstAddressUnreachable& operator=(const FirstAddressUnreachable&) = delete;
+
+private:
+    static void Route(const std::string& change) {
+        const std::string command = "ip route " + change + " unreachable " + Lab("DC1_ADDRESS");
+        EXPECT_EQ(std::system(command.c_str()), 0) << command;
+    }
+};
+
+TEST_F(LabKeyRotation, OnlyTheControllerThatWasAskedMaySayNo) {
+    if (Lab("DC1_ADDRESS6").empty())
+        GTEST_SKIP() << "there is no second address to ask another controller at";
+    const int before = VersionInDomain();
+    std::optional<FirstAddressUnreachable> unreachable;
+    atChange = [&](const auto&, int* result) {
+        unreachable.emplace();
+        *result = KRB5_KPASSWD_SOFTERROR;
+        return 0;
+    };
+    EXPECT_EQ(StatusOfRotation(), Status::PasswordRefused);
+    EXPECT_THAT(VersionsOfService(), ElementsAre(before, before + 1))
+        << "who answers may not have heard of it";
+    unreachable.reset();
+
+    atChange = [&](const auto& real, int* result) {
+        EXPECT_EQ(real(), 0);
+        unreachable.emplace();
+        timePassed += std::chrono::seconds(30); // the session is over, too
+        *result = KRB5_KPASSWD_SOFTERROR;
+        return 0;
+    };
+    EXPECT_EQ(StatusOfRotation(), Status::Success) << "any of them may say yes";
+    unreachable.reset();
+    EXPECT_EQ(VersionInDomain(), before + 1);
+    ExpectAllWorks();
+}
+
+TEST_F(LabKeyRotation, ChangeThatTookLongIsConfirmedAllTheSame) {
+    const int before = VersionInDomain();
+    wrongSalts = std::size(encryptionTypes);
+    atChange = [](const auto& real, int*) {
+        const krb5_error_code code = real();
+        timePassed += std::chrono::seconds(30); // as long as the library waits at most
+        return code;
+    };
+    EXPECT_EQ(StatusOfRotation(), Status::Success);
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before, before + 1));
     ExpectAllWorks();
 }
 
@@ -240,10 +356,7 @@ TEST_F(LabKeyRotation, VersionIsTheOneThatTheDomainCameTo) {
     const int before = VersionInDomain();
     const DomainState state = DomainState::Load().value();
     atChange = [&](const auto& real, int*) {
-        Session admin = AsAdministrator(state);
-        const Secret other = EncodeUnicodePassword("Another.Password.1234");
-        admin.Ldap().Modify(state.accountDn, {{LDAP_MOD_REPLACE, "unicodePwd", {other.View()}}},
-                            admin.End());
+        SetPassword(state, "Another.Password.1234");
         return real();
     };
     EXPECT_EQ(StatusOfRotation(), Status::Success);
@@ -270,6 +383,21 @@ TEST_F(LabKeyRotation, ControllerThatIsBehindTakesTheFormerKey) {
     EXPECT_THAT(VersionsOfAccount(), ElementsAre(before, before + 1)) << "nothing to put in force";
 }
 
+TEST_F(LabKeyRotation, ControllerThatIsBehindIsNotAskedForAChange) {
+    const std::string keytab = Content(hostKeytab);
+    AddKeys(VersionInDomain() + 1, Keys::Strange);
+    const std::string ahead = Content(hostKeytab);
+    try {
+        RotateKey(std::chrono::seconds(0));
+        ADD_FAILURE() << "the change would be lost when the controllers have told one another";
+    } catch (const Error& error) {
+        EXPECT_EQ(error.Code(), Status::NoController);
+        EXPECT_THAT(error.what(), testing::HasSubstr("is behind"));
+    }
+    EXPECT_EQ(Content(hostKeytab), ahead);
+    std::ofstream(hostKeytab, std::ios::binary) << keytab;
+}
+
 TEST_F(LabKeyRotation, UnansweredChangeOutlivesTheNextRefusal) {
     const int before = VersionInDomain();
     atChange = [](const auto&, int*) -> krb5_error_code { Die(); };
@@ -284,7 +412,8 @@ TEST_F(LabKeyRotation, UnansweredChangeOutlivesTheNextRefusal) {
         << "another controller may have taken it";
     atChange = nullptr;
     EXPECT_EQ(StatusOfRotation(), Status::Success);
-    EXPECT_THAT(VersionsOfService(), ElementsAre(before, before + 1));
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before, before + 1));
+    EXPECT_THAT(VersionsOfService(), ElementsAre(before, before + 1, before + 2));
     ExpectAllWorks();
 }
 

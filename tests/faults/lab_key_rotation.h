@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -40,10 +41,14 @@ using namespace tessary::directory;
 /// What happens to the next changes of a password: called instead, with the real one at hand.
 extern std::function<krb5_error_code(const std::function<krb5_error_code()>& real, int* result)>
     atChange;
+/// The password of the latest of them.
+extern std::string askedFor;
 /// What happens once a modification has been sent.
 extern std::function<void()> afterModify;
 /// How often a key of the host is still to be made with a salt that the domain did not choose.
 extern int wrongSalts;
+/// By how much the time that deadlines go by is ahead.
+extern std::chrono::seconds timePassed;
 
 inline std::string Lab(const char* variable) {
     const char* value = std::getenv((std::string("TESAUTH_LAB_") + variable).c_str());
@@ -179,6 +184,11 @@ private:
     int repeated_ = 0;
 };
 class LabKeyRotation : public testing::Test {
+public:
+    static void Prefer(const std::string& controller) {
+        std::ofstream("/var/lib/tessary/preferred_controllers") << controller << "\n";
+    }
+
 protected:
     void SetUp() override {
         std::ofstream("/etc/krb5.conf") << "[libdefaults]\n"
@@ -191,7 +201,7 @@ protected:
                                         << Lab("DC1_ADDRESS") << "\n}\n";
         // The same way, whatever the name server does.
         std::filesystem::create_directories("/var/lib/tessary");
-        std::ofstream("/var/lib/tessary/preferred_controllers") << Lab("DC1_ADDRESS") << "\n";
+        Prefer(Lab("DC1_ADDRESS"));
         Join();
     }
 
@@ -199,6 +209,7 @@ protected:
         atChange = nullptr;
         afterModify = nullptr;
         wrongSalts = 0;
+        timePassed = {};
         LeaveDomain(Lab("ADMIN"), Lab("PASSWORD").c_str());
     }
 
@@ -246,6 +257,14 @@ protected:
         const Deadline deadline = Deadline::In(queryTime);
         return Session(LocateController(state.domain, {}, deadline), UserName::Parse(Lab("ADMIN")),
                        Lab("PASSWORD").c_str(), deadline);
+    }
+
+    /// Gives the account a password behind the host's back.
+    static void SetPassword(const DomainState& state, const std::string& password) {
+        Session admin = AsAdministrator(state);
+        const Secret encoded = EncodeUnicodePassword(password);
+        admin.Ldap().Modify(state.accountDn, {{LDAP_MOD_REPLACE, "unicodePwd", {encoded.View()}}},
+                            admin.End());
     }
 
     /// A library context, and what is done with it.

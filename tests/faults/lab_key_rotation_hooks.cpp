@@ -7,8 +7,10 @@
 namespace lab_key_rotation {
 
 std::function<krb5_error_code(const std::function<krb5_error_code()>& real, int* result)> atChange;
+std::string askedFor;
 std::function<void()> afterModify;
 int wrongSalts = 0;
+std::chrono::seconds timePassed{0};
 
 } // namespace lab_key_rotation
 
@@ -20,6 +22,7 @@ krb5_change_password(krb5_context context, krb5_creds* credentials, const char* 
                      int* result, krb5_data* resultName, krb5_data* explanation) {
     static const auto real =
         reinterpret_cast<decltype(&krb5_change_password)>(dlsym(RTLD_NEXT, "krb5_change_password"));
+    askedFor = password;
     const auto call = [&] {
         return real(context, credentials, password, result, resultName, explanation);
     };
@@ -49,4 +52,14 @@ ldap_modify_ext(LDAP* handle, const char* dn, LDAPMod** changes, LDAPControl** s
     if (afterModify)
         afterModify();
     return code;
+}
+
+extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t clock,
+                                                                    timespec* time) noexcept {
+    static const auto real =
+        reinterpret_cast<decltype(&clock_gettime)>(dlsym(RTLD_NEXT, "clock_gettime"));
+    const int result = real(clock, time);
+    if (clock == CLOCK_MONOTONIC)
+        time->tv_sec += timePassed.count();
+    return result;
 }
