@@ -29,12 +29,6 @@ struct KeytabContent {
     std::optional<Error> failure;      ///< why it could not be read
 
     bool Has(const std::string& principal) const { return newest.count(principal) != 0; }
-    int Newest() const {
-        int version = 0;
-        for (const auto& [principal, each] : newest)
-            version = std::max(version, each);
-        return version;
-    }
 };
 
 KeytabContent ReadKeytab(const DomainState& state) {
@@ -57,18 +51,29 @@ struct Login {
     std::optional<Error> failure;      ///< why it did not
     std::optional<int> version;        ///< of the key that the account has
     std::optional<Error> queryFailure; ///< why the domain did not tell the version
-    bool takesFormerKey = false;       ///< when the latest one is refused
+    std::optional<int> waitingVersion; ///< of a newer key that is taken instead of the account's
+    bool takesFormerKey = false;       ///< when all of these are refused
 };
 
-/// Whether a controller has merely not heard of the account's latest key.
-bool TakesFormerKey(const Controller& controller, const DomainState& state,
-                    const Deadline& deadline) {
+/// Finds out which key a controller takes that refuses the account's: one that a change of keys has
+/// left for the services only, or the former one, when it has merely not heard of the latest.
+void TryOtherKeys(Login& login, const Controller& controller, const DomainState& state,
+                  const Deadline& deadline) {
     try {
         const KerberosContext context(MakeKerberosContext(state.realm));
         const auto own = ReadKeyGenerations(context.get(), {state.AccountPrincipal()});
-        return own.size() > 1 && AreAccepted(controller, state, own[own.size() - 2].keys, deadline);
+        for (const KeyGeneration& each :
+             ReadKeyGenerations(context.get(), state.KeytabPrincipals())) {
+            if (!own.empty() && each.version > own.back().version &&
+                AreAccepted(controller, state, each.keys, deadline)) {
+                login.waitingVersion = each.version;
+                return;
+            }
+        }
+        login.takesFormerKey =
+            own.size() > 1 && AreAccepted(controller, state, own[own.size() - 2].keys, deadline);
     } catch (const Error&) {
-        return false;
+        return; // that the account's key is refused is known all the same
     }
 }
 
@@ -84,8 +89,8 @@ Login LogInAt(const std::string& where, const DomainState& state, const Deadline
         LogInAsMachine(*kerberos, state.account, std::string("FILE:") + hostKeytab);
     } catch (const Error& error) {
         login.failure = error;
-        login.takesFormerKey = error.Code() == Status::MachineKeyRejected && controller &&
-                               TakesFormerKey(*controller, state, deadline);
+        if (error.Code() == Status::MachineKeyRejected && controller)
+            TryOtherKeys(login, *controller, state, deadline);
         return login;
     }
     try {
@@ -120,13 +125,6 @@ bool IsRejected(const Login& login) {
 
 // Any login does it.
 constexpr char finishChange[] = "tesauthctl status, which tries the new key and puts it in force";
-
-/// Whether a change of keys was broken off when the new one was in the keytab for the services
-/// only.
-bool HasUntriedKey(const DomainState& state, const KeytabContent& content) {
-    const auto own = content.newest.find(state.AccountPrincipal());
-    return own != content.newest.end() && content.Newest() > own->second;
-}
 
 /// What makes a login needless: there is no key to log in with.
 std::optional<Finding> FindNoKey(const DomainState& state, const KeytabContent& content) {
@@ -176,9 +174,9 @@ Finding CompareKeys(const DomainState& state, const KeytabContent& content, int 
     return {keytabCheck, Severity::Ok, KeysText(state, content) + ": " + account, ""};
 }
 
-Finding UntriedKeyFinding(const DomainState& state, const KeytabContent& content) {
+Finding WaitingKeyFinding(const DomainState& state, const KeytabContent& content, int version) {
     return {keytabCheck, Severity::Warning,
-            "a change of keys was not finished: version " + std::to_string(content.Newest()) +
+            "a change of keys was not finished: version " + std::to_string(version) +
                 " waits beside version " +
                 std::to_string(content.newest.at(state.AccountPrincipal())),
             finishChange};
@@ -193,8 +191,8 @@ Finding CheckKeys(const DomainState& state, const KeytabContent& content, const 
         return failure(std::string(hostKeytab) + " has no key for " + Listed(missing));
     if (login.version)
         return CompareKeys(state, content, *login.version);
-    if (IsRejected(login) && HasUntriedKey(state, content))
-        return UntriedKeyFinding(state, content);
+    if (login.waitingVersion)
+        return WaitingKeyFinding(state, content, *login.waitingVersion);
     if (!IsRejected(login) || login.takesFormerKey)
         return {keytabCheck, Severity::Ok,
                 KeysText(state, content) + "; not compared with " + state.domain +
@@ -239,10 +237,10 @@ Finding TrustFinding(const DomainState& state, const Error& error) {
     }
 }
 
-Finding CheckTrust(const DomainState& state, const KeytabContent& content, const Login& login) {
-    if (IsRejected(login) && HasUntriedKey(state, content))
+Finding CheckTrust(const DomainState& state, const Login& login) {
+    if (login.waitingVersion)
         return {trustCheck, Severity::Warning,
-                state.domain + " does not take this host's old key; the new one was not tried",
+                state.domain + " takes this host's new key, which is not in force here yet",
                 finishChange};
     if (login.takesFormerKey)
         return {trustCheck, Severity::Warning,
@@ -273,7 +271,7 @@ Findings CheckMembership(const DomainState& state, const std::string& controller
         login.failure = Error(Status::NoController, "none is known that works");
     else
         login = LogInAt(controller, state, deadline);
-    return {CheckKeys(state, content, login), CheckTrust(state, content, login)};
+    return {CheckKeys(state, content, login), CheckTrust(state, login)};
 }
 
 } // namespace tessary::directory

@@ -111,9 +111,9 @@ private:
     }
 
     void Fill(const std::vector<AccountKey>& keys, int version) {
-        // Where the version has not grown, the account is not the one that the old keys are of: it
-        // was made anew meanwhile.
-        if (change_ && version > change_->Version()) {
+        // Where the version has not grown, the account was made anew meanwhile. One that is lower
+        // than the keytab's is no sign of that: the controller may be behind.
+        if (change_ && version > change_->Told()) {
             keytab_.reset(); // which takes its file with it
             keytab_ = change_->Finished(keys, version);
         } else {

@@ -9,21 +9,14 @@ namespace {
 
 // No ticket can be renewed for longer, unless the domain's policy was changed.
 constexpr std::int64_t longestTicketLife = 7 * 24 * 60 * 60;
-// A controller refuses a question that is older than its clock may differ from the host's, five
-// minutes; twice that, since the two clocks may be on either side of the domain's.
-constexpr std::int64_t longestQueue = 10 * 60;
-
-std::int64_t Seconds(krb5_timestamp time) {
-    return static_cast<std::uint32_t>(time);
-}
 
 } // namespace
 
-KeyChange::KeyChange(krb5_context context, const DomainState& state, int version)
+KeyChange::KeyChange(krb5_context context, const DomainState& state, int told)
     : context_(context), accountPrincipal_(state.AccountPrincipal()),
-      principals_(PrincipalsWithKeysOf(context, state)), services_(principals_),
-      version_(std::max(version, NewestVersion(ReadHostKeys(context, {accountPrincipal_})))),
-      now_(static_cast<krb5_timestamp>(std::time(nullptr))) {
+      principals_(PrincipalsWithKeysOf(context, state)), services_(principals_), told_(told),
+      version_(std::max(told, NewestVersion(ReadHostKeys(context, {accountPrincipal_})))),
+      now_(std::time(nullptr)) {
     std::erase(services_, accountPrincipal_);
     for (const KeyGeneration& generation : ReadKeyGenerations(context, principals_))
         since_.emplace(generation.version, generation.since);
@@ -36,12 +29,11 @@ bool KeyChange::IsOfAccount(const std::string& principal) const {
 bool KeyChange::IsOutdated(int version) const {
     const auto next = since_.upper_bound(version);
     return next != since_.end() && next->first <= version_ &&
-           Seconds(now_) - Seconds(next->second) >= longestTicketLife;
+           now_ - next->second >= longestTicketLife;
 }
 
-bool KeyChange::MayYetBeTaken(krb5_timestamp asked, krb5_timestamp taken) const {
-    return Seconds(now_) - Seconds(asked) <
-           (Seconds(asked) > Seconds(taken) ? longestTicketLife : longestQueue);
+bool KeyChange::MayYetBeTaken(const KeyGeneration& waiting) const {
+    return now_ - waiting.since < longestTicketLife;
 }
 
 bool KeyChange::MayStillHappen(const Error& error) {
@@ -64,24 +56,24 @@ void KeyChange::Stage(const std::vector<AccountKey>& newKeys) {
     const int staged = version_ + 1;
     KeytabReplacement keytab = Kept(staged);
     keytab.Add(services_, staged, newKeys);
-    AddWaiting(keytab, staged + 1, Waiting({}, staged), 0);
+    AddWaiting(keytab, staged + 1, Waiting({}, staged));
     keytab.Commit();
 }
 
 void KeyChange::TakeBack() {
     const int free = version_ + 1;
     KeytabReplacement keytab = Kept(free);
-    AddWaiting(keytab, free, Waiting({}, free), 0);
+    AddWaiting(keytab, free, Waiting({}, free));
     keytab.Commit();
 }
 
 std::unique_ptr<KeytabReplacement> KeyChange::Finished(const std::vector<AccountKey>& newKeys,
                                                        int newVersion,
-                                                       std::optional<krb5_timestamp> since) {
+                                                       std::optional<std::uint32_t> since) {
     const int below = std::min(newVersion, version_ + 1);
     auto keytab = std::unique_ptr<KeytabReplacement>(new KeytabReplacement(Kept(below)));
     keytab->Add(principals_, newVersion, newKeys, since);
-    AddWaiting(*keytab, newVersion + 1, Waiting(newKeys, below), since.value_or(now_));
+    AddWaiting(*keytab, newVersion + 1, Waiting(newKeys, below));
     return keytab;
 }
 
@@ -98,10 +90,14 @@ std::vector<KeyGeneration> KeyChange::Waiting(const std::vector<AccountKey>& tak
             std::none_of(all.begin(), firstWaiting,
                          [&](const KeyGeneration& old) { return SameKeys(old.keys, each->keys); }))
             waiting.push_back(std::move(*each));
+    // What was in force until now waits from now on, however long ago it came.
+    for (KeyGeneration& each : waiting)
+        if (each.version <= version_)
+            each.since = static_cast<std::uint32_t>(now_);
     // Of the same second the lower version is the later question's.
     std::stable_sort(waiting.begin(), waiting.end(),
                      [](const KeyGeneration& one, const KeyGeneration& other) {
-                         return Seconds(one.since) > Seconds(other.since);
+                         return one.since > other.since;
                      });
     return waiting;
 }
@@ -113,12 +109,10 @@ KeytabReplacement KeyChange::Kept(int below) const {
     });
 }
 
-/// \param taken when the domain was asked for the change that it is known to have made last; 0
-///              when there is none to go by
-void KeyChange::AddWaiting(KeytabReplacement& keytab, int first, std::vector<KeyGeneration> waiting,
-                           krb5_timestamp taken) const {
+void KeyChange::AddWaiting(KeytabReplacement& keytab, int first,
+                           std::vector<KeyGeneration> waiting) const {
     for (const KeyGeneration& each : waiting)
-        if (MayYetBeTaken(each.since, taken))
+        if (MayYetBeTaken(each))
             keytab.Add(services_, first++, each.keys, each.since);
 }
 

@@ -7,6 +7,7 @@
 #include "kerberos.h"
 #include "keytab.h"
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
@@ -26,8 +27,8 @@ namespace tessary::directory {
 /// What the services have above the account's version waits: the domain may have taken it, or may
 /// yet. The newest of it has the version that comes next, since many services look a key up by the
 /// version that the domain wrote on the ticket; what came before it moves up, its time stamp kept.
-/// A waiting key stays for a week; once a change that was asked for later has been made, only for
-/// as long as a question may lie in the queue of a controller that hangs.
+/// A waiting key stays for a week, whatever the domain has taken since: the change may lie before a
+/// controller that hangs, and nothing bounds how old it is when that one goes on.
 ///
 /// Old keys stay as long as tickets made with them may be around: a week after the next one came.
 ///
@@ -35,12 +36,14 @@ namespace tessary::directory {
 class KeyChange {
 public:
     /// \param context must outlive this
-    /// \param version of the key that the account has before the change, as the directory tells; a
-    ///                controller that has not heard of the latest change yet is not believed
-    KeyChange(krb5_context context, const DomainState& state, int version);
+    /// \param told version of the key that the account has before the change, as the directory
+    ///             tells; a controller that has not heard of the latest change yet is not believed
+    KeyChange(krb5_context context, const DomainState& state, int told);
 
     /// The version that the key has before the change.
     int Version() const { return version_; }
+    /// The same as the directory told it.
+    int Told() const { return told_; }
     /// All who have the account's key.
     const std::vector<std::string>& Principals() const { return principals_; }
 
@@ -50,11 +53,13 @@ public:
     /// not been answered may still be made.
     void TakeBack();
     /// A keytab in which keys are the account's.
-    /// \param newVersion old keys that are not older are left out: they are of another account
+    /// \param newVersion old keys that are not older leave the account's own name, and wait from
+    /// now
+    ///                   on: controllers that know of them may still use them
     /// \param since      when the domain was asked to take the keys; just now, unless told
     std::unique_ptr<KeytabReplacement> Finished(const std::vector<AccountKey>& newKeys,
                                                 int newVersion,
-                                                std::optional<krb5_timestamp> since = std::nullopt);
+                                                std::optional<std::uint32_t> since = std::nullopt);
 
     /// Whether a change that failed so may have been made, or may yet be.
     static bool MayStillHappen(const Error& error);
@@ -62,20 +67,20 @@ public:
 private:
     bool IsOfAccount(const std::string& principal) const;
     bool IsOutdated(int version) const;
-    bool MayYetBeTaken(krb5_timestamp asked, krb5_timestamp taken) const;
+    bool MayYetBeTaken(const KeyGeneration& waiting) const;
     std::vector<KeyGeneration> Waiting(const std::vector<AccountKey>& taken, int below) const;
     KeytabReplacement Kept(int below) const;
-    void AddWaiting(KeytabReplacement& keytab, int first, std::vector<KeyGeneration> waiting,
-                    krb5_timestamp taken) const;
+    void AddWaiting(KeytabReplacement& keytab, int first, std::vector<KeyGeneration> waiting) const;
 
     krb5_context context_;
     std::string accountPrincipal_;
     std::vector<std::string> principals_;
     std::vector<std::string> services_; // the same without the account itself
+    int told_;
     int version_;
     std::vector<AccountKey> staged_;
-    std::map<int, krb5_timestamp> since_; // when each version came into the keytab
-    krb5_timestamp now_;
+    std::map<int, std::uint32_t> since_; // when each version came into the keytab
+    std::int64_t now_;
 };
 
 } // namespace tessary::directory

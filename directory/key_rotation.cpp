@@ -23,7 +23,7 @@ bool IsYounger(krb5_context context, const DomainState& state, std::chrono::seco
     std::int64_t came = 0;
     for (const KeytabKey& key : keys)
         if (key.name.version == NewestVersion(keys))
-            came = static_cast<std::uint32_t>(key.name.time);
+            came = key.name.time;
     const std::int64_t now = std::time(nullptr);
     return came <= now && now - came < age.count();
 }
@@ -65,21 +65,18 @@ PasswordChange StartChange(const Session& session, const DomainState& state) {
     } catch (const Error& error) {
         if (error.Code() != Status::MachineKeyRejected)
             throw;
-        throw Error(
-            Status::NoController,
-            session.Where().host +
-                " is behind: it has not heard of the host's latest key yet; try again later");
+        throw Error(Status::NoController,
+                    session.Where().host +
+                        " is behind: it has not heard of the host's latest key yet; try again "
+                        "later; if it stays, join again");
     }
 }
 
 /// Sees to it that the keytab has what the domain made of the new password: an account that was
 /// renamed has another salt from then on, and its version may be another than the keytab's versions
 /// let expect.
-/// \param before the version that this controller had before the change
-void Confirm(Session& session, const DomainState& state, KeyChange& change, int before,
+void Confirm(Session& session, const DomainState& state, KeyChange& change,
              const std::vector<AccountKey>& keys, const Secret& password) {
-    if (session.End().Milliseconds() < settlingTime.count())
-        session.Reconnect(Deadline::In(settlingTime));
     MachineAccounts accounts(session);
     const std::optional<LdapEntry> account = accounts.Find(state.account);
     if (!account)
@@ -87,11 +84,34 @@ void Confirm(Session& session, const DomainState& state, KeyChange& change, int 
     const int expected = change.Version() + 1;
     const int told = MachineAccounts::KeyVersionOf(*account);
     // A version that is not newer is that of a controller that has not heard of it yet.
-    const int version = told <= before ? expected : told;
-    if (!AreAccepted(session.Where(), state, keys, session.End()))
-        change.Finished(session.Kerberos().MakeKeys(state.account, password), version)->Commit();
-    else if (version != expected)
-        change.Finished(keys, version)->Commit();
+    const int version = told <= change.Told() ? expected : told;
+    if (AreAccepted(session.Where(), state, keys, session.End())) {
+        if (version != expected)
+            change.Finished(keys, version)->Commit();
+        return;
+    }
+    // A controller that takes neither has not heard of the change, nor perhaps of a new salt.
+    const std::vector<AccountKey> others = session.Kerberos().MakeKeys(state.account, password);
+    if (AreAccepted(session.Where(), state, others, session.End()))
+        change.Finished(others, version)->Commit();
+}
+
+/// The same on the connection that there is, or else on a new one. The key has been changed; that
+/// nobody is there to confirm it changes nothing.
+void TryToConfirm(Session& session, const DomainState& state, KeyChange& change,
+                  const std::vector<AccountKey>& keys, const Secret& password) {
+    try {
+        if (session.End().Milliseconds() >= settlingTime.count())
+            return Confirm(session, state, change, keys, password);
+    } catch (const Error&) {
+        // The controller may have gone meanwhile, or the connection.
+    }
+    try {
+        session.Reconnect(Deadline::In(settlingTime));
+        Confirm(session, state, change, keys, password);
+    } catch (const Error&) {
+        return;
+    }
 }
 
 } // namespace
@@ -117,8 +137,7 @@ bool RotateKey(std::chrono::seconds minimumAge) {
     const std::vector<AccountKey> keys = session.Kerberos().MakeKeys(state->account, password);
     PasswordChange change = StartChange(session, *state);
 
-    const int before = MachineAccounts::KeyVersionOf(*account);
-    KeyChange keytab(context, *state, before);
+    KeyChange keytab(context, *state, MachineAccounts::KeyVersionOf(*account));
     keytab.Stage(keys);
     const auto finished = keytab.Finished(keys, keytab.Version() + 1);
     finished->Sync();
@@ -135,11 +154,7 @@ bool RotateKey(std::chrono::seconds minimumAge) {
             throw;
     }
     finished->Commit();
-    try {
-        Confirm(session, *state, keytab, before, keys, password);
-    } catch (const Error&) {
-        // The key has been changed; that nobody is there to confirm it changes nothing.
-    }
+    TryToConfirm(session, *state, keytab, keys, password);
     return true;
 }
 

@@ -111,7 +111,8 @@ KeytabEntryName NameOf(krb5_context context, const krb5_keytab_entry& entry) {
     PrincipalText text(context);
     if (krb5_unparse_name(context, entry.principal, text.Out()) != 0)
         throw Error(Status::NotEnoughMemory, "cannot name a keytab's principal");
-    return {text.Get(), static_cast<int>(entry.vno), entry.timestamp};
+    // The library's type is signed; the number in a keytab is not, and holds beyond the year 2038.
+    return {text.Get(), static_cast<int>(entry.vno), static_cast<std::uint32_t>(entry.timestamp)};
 }
 
 bool IsOneOf(const std::string& name, const std::vector<std::string>& names) {
@@ -156,7 +157,7 @@ KeytabInMemory::KeytabInMemory(krb5_context context, std::string_view content)
 
 void KeytabInMemory::Add(const std::vector<std::string>& principals, int keyVersion,
                          const std::vector<AccountKey>& keys,
-                         std::optional<krb5_timestamp> written) {
+                         std::optional<std::uint32_t> written) {
     KeytabHandle keytab(context_);
     Check(context_, krb5_kt_resolve(context_, Name().c_str(), keytab.Out()), "cannot write");
     for (const std::string& name : principals) {
@@ -179,7 +180,7 @@ void KeytabInMemory::Add(const std::vector<std::string>& principals, int keyVers
 /// The library stamps what it writes with the present time, whatever it is told. After the time
 /// stamp an entry has the low byte of the version, the kind of encryption, the key and its length,
 /// and the version.
-void KeytabInMemory::StampLast(const AccountKey& key, krb5_timestamp written) {
+void KeytabInMemory::StampLast(const AccountKey& key, std::uint32_t written) {
     const std::size_t fromEnd = sizeof(std::uint32_t) + 1 + sizeof(std::uint16_t) +
                                 sizeof(std::uint16_t) + key.Get().length + sizeof(std::uint32_t);
     char format[keytabFormat.size()];
@@ -187,9 +188,8 @@ void KeytabInMemory::StampLast(const AccountKey& key, krb5_timestamp written) {
     if (pread(file_.Get(), format, sizeof format, 0) != sizeof format ||
         fstat(file_.Get(), &information) != 0)
         ThrowFileError(errno, std::string("cannot write ") + hostKeytab);
-    const auto native = static_cast<std::uint32_t>(written);
     const std::uint32_t stamp =
-        std::string_view(format, sizeof format) == keytabFormat ? htonl(native) : native;
+        std::string_view(format, sizeof format) == keytabFormat ? htonl(written) : written;
     const off_t place = information.st_size - static_cast<off_t>(fromEnd);
     if (pwrite(file_.Get(), &stamp, sizeof stamp, place) != sizeof stamp)
         ThrowFileError(errno, std::string("cannot write ") + hostKeytab);
@@ -269,7 +269,7 @@ namespace {
 /// What is newest among one principal's keys.
 struct Newest {
     int version = -1;
-    krb5_timestamp time = 0;
+    std::uint32_t time = 0;
     bool versionIsTheAccounts = false;
     bool timeIsTheAccounts = false;
 
@@ -344,7 +344,7 @@ void KeytabReplacement::Copy(const Filter& keep) {
 
 void KeytabReplacement::Add(const std::vector<std::string>& principals, int keyVersion,
                             const std::vector<AccountKey>& keys,
-                            std::optional<krb5_timestamp> written) {
+                            std::optional<std::uint32_t> written) {
     KeytabInMemory added(context_, format_);
     added.Add(principals, keyVersion, keys, written);
     const Secret bytes = added.Bytes();

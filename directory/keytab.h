@@ -8,6 +8,7 @@
 
 #include <krb5.h>
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -25,7 +26,7 @@ inline constexpr std::string_view keytabFormat = "\x05\x02";
 struct KeytabEntryName {
     std::string principal; ///< complete, realm included
     int version;
-    krb5_timestamp time; ///< when it was written, in seconds since 1970
+    std::uint32_t time; ///< when it was written, in seconds since 1970
 };
 
 /// A key of a keytab.
@@ -37,7 +38,7 @@ struct KeytabKey {
 /// The keys that an account has, or might have, at one time.
 struct KeyGeneration {
     int version;
-    krb5_timestamp since; ///< when the first of them was written
+    std::uint32_t since; ///< when the first of them was written, as above
     std::vector<AccountKey> keys;
 };
 
@@ -77,14 +78,14 @@ public:
     /// \param written the time stamp; now, unless told
     void Add(const std::vector<std::string>& principals, int keyVersion,
              const std::vector<AccountKey>& keys,
-             std::optional<krb5_timestamp> written = std::nullopt);
+             std::optional<std::uint32_t> written = std::nullopt);
 
     /// The keytab as a Kerberos call takes it, in this process.
     std::string Name() const;
     Secret Bytes() const;
 
 private:
-    void StampLast(const AccountKey& key, krb5_timestamp written);
+    void StampLast(const AccountKey& key, std::uint32_t written);
 
     krb5_context context_;
     UniqueFd file_;
@@ -108,7 +109,7 @@ public:
     /// As KeytabInMemory::Add().
     void Add(const std::vector<std::string>& principals, int keyVersion,
              const std::vector<AccountKey>& keys,
-             std::optional<krb5_timestamp> written = std::nullopt);
+             std::optional<std::uint32_t> written = std::nullopt);
 
     /// The new version as a Kerberos call takes it.
     std::string Name() const { return "FILE:" + file_.Path(); }

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <map>
@@ -40,9 +41,9 @@ using testing::IsEmpty;
 using testing::Not;
 using testing::Pair;
 
-constexpr time_t minute = 60;
-constexpr time_t hour = 60 * minute;
-constexpr time_t week = 7 * 24 * hour;
+constexpr time_t hour = 60 * 60;
+constexpr time_t day = 24 * hour;
+constexpr time_t week = 7 * day;
 constexpr char account[] = "WEB1$@CORP.EXAMPLE";
 constexpr char service[] = "host/web1.corp.example@CORP.EXAMPLE";
 
@@ -89,7 +90,7 @@ protected:
         change.Finished(Keys('a'), version + 1)->Commit();
     }
 
-    static krb5_timestamp Now() { return static_cast<krb5_timestamp>(std::time(nullptr)); }
+    static std::uint32_t Now() { return static_cast<std::uint32_t>(std::time(nullptr)); }
 
     /// Which letter's keys each version has; '?' for keys of two letters, or no letter's.
     std::map<int, char> Letters(const std::string& principal) {
@@ -152,7 +153,7 @@ TEST_F(KeyChangeTest, LatestQuestionHasTheVersionThatComesNext) {
 
 TEST_F(KeyChangeTest, QuestionThatWasNotAnsweredKeepsItsTime) {
     Change(0, 0);
-    const krb5_timestamp asked = Now();
+    const std::uint32_t asked = Now();
     KeyChange(context_, state_, 1).Stage(Keys('b'));
     timePassed += hour;
     KeyChange(context_, state_, 1).Stage(Keys('c'));
@@ -178,36 +179,71 @@ TEST_F(KeyChangeTest, ChangesThatAreNeverAnsweredDoNotPileUp) {
 TEST_F(KeyChangeTest, ControllerMayHaveAQuestionInItsQueueWhenALaterOneIsAnswered) {
     Change(0, 0);
     KeyChange(context_, state_, 1).Stage(Keys('b'));
-    timePassed += 6 * minute;
+    timePassed += 4 * day;
     KeyChange(context_, state_, 1).Stage(Keys('c'));
-    timePassed += 6 * minute;
+    timePassed += 4 * day;
     KeyChange taken(context_, state_, 1);
     taken.Stage(Keys('d'));
     taken.Finished(Keys('d'), 2)->Commit();
     EXPECT_THAT(Letters(service), ElementsAre(Pair(1, 'a'), Pair(2, 'd'), Pair(3, 'c')))
-        << "the first question is too old for any controller";
+        << "the first question is a week old";
     EXPECT_THAT(Letters(account), ElementsAre(Pair(1, 'a'), Pair(2, 'd')));
 }
 
 TEST_F(KeyChangeTest, KeyThatTurnsOutToBeTheAccountsTakesItsPlace) {
     Change(0, 0);
-    const krb5_timestamp asked = Now();
+    const std::uint32_t asked = Now();
     KeyChange(context_, state_, 1).Stage(Keys('b'));
-    timePassed += minute;
+    timePassed += hour;
     KeyChange taken(context_, state_, 1);
     taken.Stage(Keys('d'));
     taken.Finished(Keys('d'), 2)->Commit();
-    timePassed += hour;
+    timePassed += 2 * week;
     // A controller that hung has made the first change on top of what it knew.
     KeyChange(context_, state_, 0).Finished(Keys('b'), 2, asked)->Commit();
-    EXPECT_THAT(Letters(account), ElementsAre(Pair(1, 'a'), Pair(2, 'b')));
-    EXPECT_THAT(Letters(service), ElementsAre(Pair(1, 'a'), Pair(2, 'b'), Pair(3, 'd')))
+    EXPECT_THAT(Letters(account), ElementsAre(Pair(2, 'b')));
+    EXPECT_THAT(Letters(service), ElementsAre(Pair(2, 'b'), Pair(3, 'd')))
         << "controllers that have not heard of it use the other";
     for (const KeytabKey& key : ReadHostKeys(context_, {account})) {
         if (key.name.version == 2) {
             EXPECT_EQ(key.name.time, asked) << "its age is what the next change goes by";
         }
     }
+    KeyChange(context_, state_, 2).Stage(Keys('e'));
+    EXPECT_THAT(Letters(service), Contains(Pair(4, 'd'))) << "it waits since it was replaced";
+    timePassed += week + hour;
+    KeyChange(context_, state_, 2).Stage(Keys('f'));
+    EXPECT_THAT(Letters(service), Not(Contains(Pair(testing::_, 'd'))));
+}
+
+TEST_F(KeyChangeTest, TimesBeyondTheYear2038AreLater) {
+    constexpr std::uint32_t earlier = 0x7fffffff;
+    constexpr std::uint32_t later = 0x80000001;
+    const std::string moved = "HTTP/web1.corp.example@CORP.EXAMPLE";
+    Change(0, 0);
+    KeytabReplacement others(context_, std::vector<std::string>());
+    others.Add({moved}, 6, Keys('a'), earlier);
+    others.Add({moved}, 2, Keys('n'), later);
+    others.Add({service}, 7, Keys('b'), later);
+    others.Add({account}, 7, Keys('b'), earlier);
+    others.Commit();
+    EXPECT_THAT(PrincipalsWithKeysOf(context_, state_), Not(Contains(moved)))
+        << "its latest key is another account's";
+    EXPECT_EQ(ReadKeyGenerations(context_, {account, service}).back().since, earlier);
+}
+
+TEST_F(KeyChangeTest, ControllersThatKnowALaterKeyMayStillUseIt) {
+    Change(0, 0);
+    KeyChange known(context_, state_, 1);
+    known.Stage(Keys('b'));
+    known.Finished(Keys('b'), 2)->Commit();
+    timePassed += 2 * week;
+    KeyChange behind(context_, state_, 1);
+    EXPECT_EQ(behind.Told(), 1);
+    behind.Stage(Keys('c'));
+    behind.Finished(Keys('c'), 2)->Commit();
+    EXPECT_THAT(Letters(account), ElementsAre(Pair(2, 'c')));
+    EXPECT_THAT(Letters(service), ElementsAre(Pair(2, 'c'), Pair(3, 'b')));
 }
 
 TEST_F(KeyChangeTest, KeysThatWereMadeWithAWrongSaltDoNotStay) {

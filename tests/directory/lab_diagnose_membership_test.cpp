@@ -131,21 +131,38 @@ TEST_F(LabDiagnose, KeyVersionsThatAreNotTheAccounts) {
     EXPECT_THAT(services.Text("keytab"), HasSubstr("only old keys for host/host1@CORP.EXAMPLE"));
 }
 
+/// The commands that add the key of a password, of the version after the newest, to the keytab for
+/// one service, as a change of keys does before it asks the domain.
+std::string WaitingKey(const Report& before, const std::string& password) {
+    const std::string said = before.Text("keytab");
+    const int version = std::stoi(said.substr(said.find("version ") + 8));
+    return "addent -password -p host/host1@CORP.EXAMPLE -k " + std::to_string(version + 1) +
+           " -e aes256-cts-hmac-sha1-96 -s CORP.EXAMPLEhosthost1.corp.example\n" + password +
+           "\nwkt /etc/krb5.keytab\nquit\n";
+}
+
+TEST_F(LabDiagnose, KeyThatIsRefusedLikeTheOneThatWaitsBesideIt) {
+    Join();
+    Succeed({"ktutil"}, WaitingKey(Diagnose(), "Never-12345-taken"));
+    OnController({"samba-tool", "user", "setpassword", "HOST1$", "--newpassword=Other-12345-key"});
+    const Report report = Diagnose();
+    EXPECT_THAT(report.Problems(), ElementsAre("warning keytab", "failure trust"));
+    EXPECT_THAT(report.Text("keytab"), HasSubstr("not the one that HOST1$ has"));
+    EXPECT_THAT(report.Text("trust"), HasSubstr("does not take this host's key"));
+    EXPECT_EQ(report.Remedy("trust"), joinCommand_);
+}
+
 TEST_F(LabDiagnose, ChangeOfKeysThatWasNotFinished) {
     Join();
-    const std::string said = Diagnose().Text("keytab");
-    const int version = std::stoi(said.substr(said.find("version ") + 8));
     const std::string password = "Other-12345-key";
-    Succeed({"ktutil"}, "addent -password -p host/host1@CORP.EXAMPLE -k " +
-                            std::to_string(version + 1) +
-                            " -e aes256-cts-hmac-sha1-96 -s CORP.EXAMPLEhosthost1.corp.example\n" +
-                            password + "\nwkt /etc/krb5.keytab\nquit\n");
+    Succeed({"ktutil"}, WaitingKey(Diagnose(), password));
     EXPECT_THAT(Diagnose().Problems(), IsEmpty()) << "the account still has the old key";
     OnController({"samba-tool", "user", "setpassword", "HOST1$", "--newpassword=" + password});
     for (int i = 0; i < 2; ++i) { // looking does not finish it
         const Report report = Diagnose();
         EXPECT_THAT(report.Problems(), ElementsAre("warning keytab", "warning trust"));
         EXPECT_THAT(report.Text("keytab"), HasSubstr("a change of keys was not finished"));
+        EXPECT_THAT(report.Text("trust"), HasSubstr("takes this host's new key"));
         EXPECT_THAT(report.Remedy("keytab"), HasSubstr("tesauthctl status"));
     }
     EXPECT_EQ(lab::Ctl("host1", {"status", "--json"}).Json()["trustState"]["name"], "good");

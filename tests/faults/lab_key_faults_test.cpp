@@ -1,6 +1,10 @@
 // A new machine key while something goes wrong.
 
+#include "directory/operation.h"
 #include "lab_key_rotation.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 namespace lab_key_rotation {
 namespace {
@@ -393,6 +397,7 @@ TEST_F(LabKeyRotation, ControllerThatIsBehindIsNotAskedForAChange) {
     } catch (const Error& error) {
         EXPECT_EQ(error.Code(), Status::NoController);
         EXPECT_THAT(error.what(), testing::HasSubstr("is behind"));
+        EXPECT_THAT(error.what(), testing::HasSubstr("join again"));
     }
     EXPECT_EQ(Content(hostKeytab), ahead);
     std::ofstream(hostKeytab, std::ios::binary) << keytab;
@@ -417,7 +422,56 @@ TEST_F(LabKeyRotation, UnansweredChangeOutlivesTheNextRefusal) {
     ExpectAllWorks();
 }
 
-TEST_F(LabKeyRotation, AccountThatWasMadeAnewHasNoneOfTheOldKeys) {
+TEST_F(LabKeyRotation, JoiningAgainAtAControllerThatIsBehindKeepsTheKeysOfTheOthers) {
+    const int before = VersionInDomain();
+    AddKeys(before + 1, Keys::Strange);
+    Join();
+    EXPECT_EQ(VersionInDomain(), before + 1);
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before, before + 1));
+    EXPECT_THAT(VersionsOfService(), ElementsAre(before, before + 1, before + 2));
+    ExpectAllWorks();
+}
+
+TEST_F(LabKeyRotation, KeyThatChangesDuringALoginDoesNotMisleadIt) {
+    const int before = VersionInDomain();
+    beforeLogin = [&] {
+        AddKeys(before + 1, Keys::Strange); // of which this controller has not heard
+    };
+    EXPECT_EQ(TestMachineTrust(), MachineTrust::Good);
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before, before + 1));
+}
+
+/// Ends this process's connections to a directory, as a controller that is started again does.
+void EndLdapConnections() {
+    int ended = 0;
+    for (const auto& each : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const int fd = std::stoi(each.path().filename());
+        sockaddr_in6 peer{};
+        socklen_t size = sizeof peer;
+        // The port is in the same place in an address of either kind.
+        if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) == 0 &&
+            (peer.sin6_family == AF_INET || peer.sin6_family == AF_INET6) &&
+            ntohs(peer.sin6_port) == LDAP_PORT && shutdown(fd, SHUT_RDWR) == 0)
+            ++ended;
+    }
+    EXPECT_GT(ended, 0);
+}
+
+TEST_F(LabKeyRotation, ChangeIsConfirmedOnANewConnectionWhenTheOldOneIsGone) {
+    const int before = VersionInDomain();
+    const Operation operation; // which keeps SIGPIPE away
+    wrongSalts = std::size(encryptionTypes);
+    atChange = [](const auto& real, int*) {
+        const krb5_error_code code = real();
+        EndLdapConnections();
+        return code;
+    };
+    EXPECT_EQ(StatusOfRotation(), Status::Success);
+    EXPECT_THAT(VersionsOfAccount(), ElementsAre(before, before + 1));
+    ExpectAllWorks();
+}
+
+TEST_F(LabKeyRotation, AccountThatWasMadeAnewIsLoggedInToWithItsOwnKey) {
     const DomainState state = DomainState::Load().value();
     for (int i = 0; i < 3; ++i)
         ASSERT_EQ(StatusOfRotation(), Status::Success);
@@ -429,8 +483,10 @@ TEST_F(LabKeyRotation, AccountThatWasMadeAnewHasNoneOfTheOldKeys) {
                       {LDAP_MOD_ADD, "userAccountControl", {"4096"}}},
                      admin.End());
     Join();
-    EXPECT_THAT(VersionsOfAccount(), ElementsAre(VersionInDomain()));
-    EXPECT_THAT(VersionsOfService(), ElementsAre(VersionInDomain()));
+    EXPECT_EQ(*VersionsOfAccount().rbegin(), VersionInDomain());
+    ExpectAllWorks();
+    EXPECT_EQ(StatusOfRotation(), Status::Success);
+    EXPECT_EQ(*VersionsOfAccount().rbegin(), VersionInDomain());
     ExpectAllWorks();
 }
 

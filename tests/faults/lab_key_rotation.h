@@ -45,6 +45,8 @@ extern std::function<krb5_error_code(const std::function<krb5_error_code()>& rea
 extern std::string askedFor;
 /// What happens once a modification has been sent.
 extern std::function<void()> afterModify;
+/// What happens once, before the next login with a keytab.
+extern std::function<void()> beforeLogin;
 /// How often a key of the host is still to be made with a salt that the domain did not choose.
 extern int wrongSalts;
 /// By how much the time that deadlines go by is ahead.
@@ -208,6 +210,7 @@ protected:
     void TearDown() override {
         atChange = nullptr;
         afterModify = nullptr;
+        beforeLogin = nullptr;
         wrongSalts = 0;
         timePassed = {};
         LeaveDomain(Lab("ADMIN"), Lab("PASSWORD").c_str());

@@ -4,11 +4,14 @@
 
 #include <dlfcn.h>
 
+#include <utility>
+
 namespace lab_key_rotation {
 
 std::function<krb5_error_code(const std::function<krb5_error_code()>& real, int* result)> atChange;
 std::string askedFor;
 std::function<void()> afterModify;
+std::function<void()> beforeLogin;
 int wrongSalts = 0;
 std::chrono::seconds timePassed{0};
 
@@ -52,6 +55,16 @@ ldap_modify_ext(LDAP* handle, const char* dn, LDAPMod** changes, LDAPControl** s
     if (afterModify)
         afterModify();
     return code;
+}
+
+extern "C" __attribute__((visibility("default"))) krb5_error_code
+krb5_init_creds_set_keytab(krb5_context context, krb5_init_creds_context request,
+                           krb5_keytab keytab) {
+    static const auto real = reinterpret_cast<decltype(&krb5_init_creds_set_keytab)>(
+        dlsym(RTLD_NEXT, "krb5_init_creds_set_keytab"));
+    if (const auto once = std::exchange(beforeLogin, nullptr))
+        once();
+    return real(context, request, keytab);
 }
 
 extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t clock,
