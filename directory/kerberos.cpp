@@ -20,7 +20,9 @@
 namespace tessary::directory {
 namespace {
 
-constexpr std::chrono::seconds exchangeTime{5};
+// Long enough for one that has many hosts to answer at once: it takes connections only seconds
+// later.
+constexpr std::chrono::seconds exchangeTime{10};
 constexpr std::int64_t clockSkew = 300; // seconds that a login allows
 
 struct Meaning {

@@ -27,7 +27,7 @@ std::shared_ptr<void> Open(const std::string& name, const std::string& failurePr
     if (handle == nullptr) {
         throw IOError(failurePrefix + TextOrEmpty(dlerror()));
     }
-    return {handle, dlclose};
+    return {handle, [](void* opened) { dlclose(opened); }};
 }
 
 } // namespace tessary::authentication::plugin
