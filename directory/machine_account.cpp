@@ -36,6 +36,10 @@ std::string ComputersContainer(const LdapEntry& domain, const std::string& baseD
     return "CN=Computers," + baseDn;
 }
 
+std::string PlaceOf(const HostNames& names, const std::string& container) {
+    return "CN=" + EscapeDnValue(names.account) + "," + container;
+}
+
 bool IsOfHostItself(const std::string& principal) {
     const std::string_view service = std::string_view(principal).substr(0, principal.find('/'));
     return EqualNames(service, "HOST") || EqualNames(service, "RestrictedKrbHost");
@@ -70,26 +74,48 @@ void AddChange(std::vector<LdapChange>& changes, int operation, const char* attr
 
 } // namespace
 
-Surroundings MachineAccounts::LookAround(const std::string& accountName, const std::string& unit) {
-    LdapConnection& ldap = session_.Ldap();
+MachineAccounts::PendingIdentity MachineAccounts::StartIdentify() {
     const Controller& where = session_.Where();
-    const auto base = ldap.StartRead(where.baseDn, {"objectSid", "wellKnownObjects"});
-    const auto partitions = ldap.StartSearch(
+    LdapConnection& ldap = session_.Ldap();
+    const auto domain = ldap.StartRead(where.baseDn, {"objectSid", "wellKnownObjects"});
+    const auto names = ldap.StartSearch(
         "CN=Partitions," + where.configurationDn, LDAP_SCOPE_ONELEVEL,
         "(&(objectClass=crossRef)(nCName=" + EscapeFilterValue(where.baseDn) + ")(nETBIOSName=*))",
         {"nETBIOSName"});
+    return {domain, names};
+}
+
+DomainIdentity MachineAccounts::FinishIdentify(const PendingIdentity& searches, LdapEntry* domain) {
+    DomainIdentity identity;
+    LdapEntry entry = session_.Ldap().FinishRead(searches.domain, session_.End());
+    identity.sid = SidText(entry.Value("objectSid"));
+    const auto names = session_.Ldap().FinishSearch(searches.names, session_.End());
+    identity.netbiosName = names.empty() ? "" : names.front().Value("nETBIOSName");
+    if (domain)
+        *domain = std::move(entry);
+    return identity;
+}
+
+DomainIdentity MachineAccounts::Identify() {
+    return FinishIdentify(StartIdentify());
+}
+
+Surroundings MachineAccounts::LookAround(const std::string& accountName, const std::string& unit) {
+    LdapConnection& ldap = session_.Ldap();
+    const Controller& where = session_.Where();
+    const PendingIdentity identity = StartIdentify();
     const auto account = StartFind(accountName);
     Surroundings around;
     if (!unit.empty())
         around.container =
             ldap.Read(OrganizationalUnitDn(unit, where.baseDn), {"objectClass"}, session_.End()).dn;
 
-    const LdapEntry domain = ldap.FinishRead(base, session_.End());
-    around.domainSid = SidText(domain.Value("objectSid"));
+    LdapEntry domain;
+    DomainIdentity found = FinishIdentify(identity, &domain);
+    around.domainSid = std::move(found.sid);
+    around.netbiosName = std::move(found.netbiosName);
     if (unit.empty())
         around.container = ComputersContainer(domain, where.baseDn);
-    const auto names = ldap.FinishSearch(partitions, session_.End());
-    around.netbiosName = names.empty() ? "" : names.front().Value("nETBIOSName");
     around.account = FinishFind(account);
     return around;
 }
@@ -100,7 +126,7 @@ MachineAccount MachineAccounts::Prepare(const HostNames& names, const Surroundin
     const Secret encoded = EncodeUnicodePassword(password.View());
     if (!around.account)
         return {Create(names, around.container, encoded, meanwhile), true};
-    Reset(*around.account, names, encoded);
+    Reset(*around.account, names, encoded, nullptr);
     return {around.account->dn, false};
 }
 
@@ -120,29 +146,46 @@ std::optional<LdapEntry> MachineAccounts::Find(const std::string& accountName) {
     return FinishFind(StartFind(accountName));
 }
 
-std::string MachineAccounts::Create(const HostNames& names, const std::string& container,
-                                    const Secret& encodedPassword,
-                                    const std::function<void()>& meanwhile) {
-    const std::string dn = "CN=" + EscapeDnValue(names.account) + "," + container;
+void MachineAccounts::Add(const std::string& dn, const HostNames& names,
+                          const Secret& encodedPassword, const AccountMark* mark,
+                          const std::function<void()>& meanwhile) {
     const std::string accountName = names.AccountName();
     const std::string control = std::to_string(workstationAccount);
     const std::vector<std::string> principals = names.ServicePrincipals();
+    std::vector<LdapChange> attributes = {
+        {LDAP_MOD_ADD, "objectClass", {"computer"}},
+        {LDAP_MOD_ADD, "sAMAccountName", {accountName}},
+        {LDAP_MOD_ADD, "userAccountControl", {control}},
+        {LDAP_MOD_ADD, "dNSHostName", {names.fullName}},
+        {LDAP_MOD_ADD, "servicePrincipalName", Views(principals)},
+        {LDAP_MOD_ADD, "msDS-SupportedEncryptionTypes", {supportedEncryption}},
+        {LDAP_MOD_ADD, "unicodePwd", {encodedPassword.View()}}};
+    if (mark) {
+        attributes.push_back({LDAP_MOD_ADD, "description", {mark->description}});
+        attributes.push_back({LDAP_MOD_ADD, markAttribute, {mark->mark}});
+    }
+    session_.Ldap().Add(dn, attributes, session_.End(), meanwhile);
+}
+
+std::string MachineAccounts::Create(const HostNames& names, const std::string& container,
+                                    const Secret& encodedPassword,
+                                    const std::function<void()>& meanwhile) {
+    const std::string dn = PlaceOf(names, container);
     try {
-        session_.Ldap().Add(dn,
-                            {{LDAP_MOD_ADD, "objectClass", {"computer"}},
-                             {LDAP_MOD_ADD, "sAMAccountName", {accountName}},
-                             {LDAP_MOD_ADD, "userAccountControl", {control}},
-                             {LDAP_MOD_ADD, "dNSHostName", {names.fullName}},
-                             {LDAP_MOD_ADD, "servicePrincipalName", Views(principals)},
-                             {LDAP_MOD_ADD, "msDS-SupportedEncryptionTypes", {supportedEncryption}},
-                             {LDAP_MOD_ADD, "unicodePwd", {encodedPassword.View()}}},
-                            session_.End(), meanwhile);
+        Add(dn, names, encodedPassword, nullptr, meanwhile);
     } catch (const Error& error) {
         // The controller may have done its work and only the answer is lost.
         if (error.Code() == Status::TimedOut || error.Code() == Status::NoController)
-            UndoCreation(dn, accountName);
+            UndoCreation(dn, names.AccountName());
         throw;
     }
+    return dn;
+}
+
+std::string MachineAccounts::CreateMarked(const HostNames& names, const std::string& container,
+                                          const Secret& password, const AccountMark& mark) {
+    const std::string dn = PlaceOf(names, container);
+    Add(dn, names, EncodeUnicodePassword(password.View()), &mark, [] {});
     return dn;
 }
 
@@ -190,7 +233,7 @@ std::vector<LdapChange> MachineAccounts::NameChanges(const LdapEntry& account,
 }
 
 void MachineAccounts::Reset(const LdapEntry& account, const HostNames& names,
-                            const Secret& encodedPassword) {
+                            const Secret& encodedPassword, const AccountMark* mark) {
     const long control = account.Number("userAccountControl").value_or(0);
     if ((control & workstationAccount) == 0)
         throw Error(Status::AccessDenied, account.dn + " is no workstation's account");
@@ -200,8 +243,15 @@ void MachineAccounts::Reset(const LdapEntry& account, const HostNames& names,
     std::vector<LdapChange> changes = NameChanges(account, names, principals);
     if (account.Value("userAccountControl") != newControl)
         changes.push_back({LDAP_MOD_REPLACE, "userAccountControl", {newControl}});
+    if (mark)
+        changes.push_back({LDAP_MOD_REPLACE, markAttribute, {mark->mark}});
     changes.push_back({LDAP_MOD_REPLACE, "unicodePwd", {encodedPassword.View()}});
     session_.Ldap().Modify(account.dn, changes, session_.End());
+}
+
+void MachineAccounts::ResetMarked(const LdapEntry& account, const HostNames& names,
+                                  const Secret& password, const AccountMark& mark) {
+    Reset(account, names, EncodeUnicodePassword(password.View()), &mark);
 }
 
 void MachineAccounts::ReplacePassword(const LdapEntry& own, const HostNames& names,

@@ -20,6 +20,21 @@ struct Surroundings {
     std::optional<LdapEntry> account; ///< the host's account, if there is one, wherever it is
 };
 
+/// A domain's own names.
+struct DomainIdentity {
+    std::string netbiosName;
+    std::string sid; ///< in text form
+};
+
+/// What an account says of who made it, or gave it its password.
+struct AccountMark {
+    std::string description; ///< for people; an account that is taken over keeps its own
+    std::string mark;        ///< for whoever made it, to know it by; see markAttribute
+};
+
+/// The attribute that holds an AccountMark's mark: one that people neither see nor use.
+inline constexpr char markAttribute[] = "adminDescription";
+
 /// A computer account found or made.
 struct MachineAccount {
     std::string dn;
@@ -31,6 +46,8 @@ class MachineAccounts {
 public:
     /// \param session must outlive this
     explicit MachineAccounts(Session& session) : session_(session) {}
+
+    DomainIdentity Identify();
 
     /// \param accountName with the final '$'
     /// \param unit the organisational unit for a new account, as OrganizationalUnitDn() takes it;
@@ -45,6 +62,22 @@ public:
     ///         the name is one of a domain controller or a user
     MachineAccount Prepare(const HostNames& names, const Surroundings& around,
                            const Secret& password, const std::function<void()>& meanwhile);
+
+    /// Makes an account with a mark. Where the answer is lost, the account may have been made all
+    /// the same, and nothing is undone.
+    /// \return its distinguished name
+    /// \throws Error as Prepare()
+    std::string CreateMarked(const HostNames& names, const std::string& container,
+                             const Secret& password, const AccountMark& mark);
+
+    /// Enables an account, and gives it a host's names, a password and a mark in one step. An
+    /// answer may be lost as above.
+    ///
+    /// \param account with its userAccountControl, dNSHostName, servicePrincipalName and
+    ///                msDS-SupportedEncryptionTypes; its name may be of the form "<GUID=...>"
+    /// \throws Error as Prepare()
+    void ResetMarked(const LdapEntry& account, const HostNames& names, const Secret& password,
+                     const AccountMark& mark);
 
     /// With the rights of the account itself: gives it another password, and the host's names.
     /// \throws Error as Prepare()
@@ -75,15 +108,26 @@ public:
     void Disable(const std::string& dn);
 
 private:
+    /// The searches for a domain's own names.
+    struct PendingIdentity {
+        PendingSearch domain;
+        PendingSearch names;
+    };
+
+    PendingIdentity StartIdentify();
+    DomainIdentity FinishIdentify(const PendingIdentity& searches, LdapEntry* domain = nullptr);
     PendingSearch StartFind(const std::string& accountName);
     std::optional<LdapEntry> FinishFind(const PendingSearch& search);
+    void Add(const std::string& dn, const HostNames& names, const Secret& encodedPassword,
+             const AccountMark* mark, const std::function<void()>& meanwhile);
     void DeleteIfNamed(const std::string& dn, const std::string& accountName,
                        const Deadline& toRead, const Deadline& toDelete);
     std::string Create(const HostNames& names, const std::string& container,
                        const Secret& encodedPassword, const std::function<void()>& meanwhile);
     static std::vector<LdapChange> NameChanges(const LdapEntry& account, const HostNames& names,
                                                const std::vector<std::string>& principals);
-    void Reset(const LdapEntry& account, const HostNames& names, const Secret& encodedPassword);
+    void Reset(const LdapEntry& account, const HostNames& names, const Secret& encodedPassword,
+               const AccountMark* mark);
 
     Session& session_;
 };

@@ -4,6 +4,7 @@
 #include "machine_login.h"
 #include "text.h"
 
+#include <cstdint>
 #include <utility>
 
 namespace tessary::directory {
@@ -60,6 +61,22 @@ Session::Session(const Session& home, const DomainState& state, const std::strin
                 home.End()) {
     LogInAsHost(kerberos_, state);
     Bind();
+}
+
+Session::Session(Controller controller, const KeytabLogin& login, const Deadline& deadline)
+    : controller_(std::move(controller)), deadline_(deadline),
+      kerberos_(controller_.realm, FinderFor(controller_, deadline), deadline) {
+    LogInAsMachine(kerberos_, login.account, login.keytab);
+    Bind();
+}
+
+std::chrono::system_clock::time_point Session::TicketEnd() {
+    krb5_creds ticket{};
+    kerberos_.CopyInitialTicket(&ticket);
+    // Unsigned, so that it holds beyond the year 2038.
+    const auto end = static_cast<std::uint32_t>(ticket.times.endtime);
+    krb5_free_cred_contents(kerberos_.Context(), &ticket);
+    return std::chrono::system_clock::from_time_t(end);
 }
 
 void Session::Reconnect(const Deadline& deadline) {

@@ -9,6 +9,7 @@
 #include "locator.h"
 #include "names.h"
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -24,6 +25,12 @@ inline constexpr std::chrono::seconds membershipTime{15};
 KdcFinder FinderFor(const Controller& controller, const Deadline& deadline);
 /// The same with another way to find those of other realms.
 KdcFinder FinderFor(const Controller& controller, KdcFinder others);
+
+/// An account and where its key is.
+struct KeytabLogin {
+    std::string account; ///< such as "svc-web"
+    std::string keytab;  ///< such as "FILE:/etc/web.keytab"
+};
 
 /// A controller, tickets, and an encrypted connection to it. Use by one thread at a time.
 class Session {
@@ -45,6 +52,16 @@ public:
     /// \throws Error as above; AccessDenied when the other domain does not let the host in;
     ///         NoController also when the domain cannot be found by its name
     Session(const Session& home, const DomainState& state, const std::string& domain);
+
+    /// Logs in at a controller with an account's key.
+    /// \throws Error as the one before
+    Session(Controller controller, const KeytabLogin& login, const Deadline& deadline);
+
+    /// Gives what follows on the same connection another deadline.
+    void Extend(const Deadline& deadline) { deadline_ = deadline; }
+
+    /// When the ticket that this session logged in with ends, by this host's clock.
+    std::chrono::system_clock::time_point TicketEnd();
 
     /// Goes on, with the same rights, on a new connection to whichever controller answers.
     void Reconnect(const Deadline& deadline);

@@ -8,6 +8,8 @@ describe_lab() { # CONTROLLERS
     secret=$(od -An -N12 -tx1 /dev/urandom | tr -d ' \n')
     export TESAUTH_LAB=$lab TESAUTH_LAB_USER_PASSWORD=User-$secret
     describe_controller '' dc1 corp "Admin1-$secret"
+    export TESAUTH_LAB_PROXY_ACCOUNT=svc-apxd TESAUTH_LAB_PROXY_KEYTAB=$dir/svc-apxd.keytab \
+        TESAUTH_LAB_PROXY_CONTAINER=OU=Hosts,DC=corp,DC=example
     [ "$1" -lt 2 ] || describe_controller 2 dc2 lab "Admin2-$secret"
     [ "$1" -lt 3 ] || describe_controller 3 dc3 third "Admin3-$secret"
 }
@@ -63,7 +65,7 @@ provision() { # CONTROLLER
             --host-name="$1" --host-ip="$address" ${address6:+--host-ip6="$address6"} \
             --option="interfaces=lo $address $address6" \
             --option="bind interfaces only=yes" --option="dns forwarder=10.99.0.1" &&
-        enter "$1" /usr/bin/python3 "$here/lab_accounts.py"
+        enter "$1" /usr/bin/python3 "$here/lab_accounts.py" "$dir/svc-apxd.keytab"
 }
 
 lab_start() { # CONTROLLER

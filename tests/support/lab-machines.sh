@@ -8,7 +8,7 @@ address_of() { # MACHINE
         dc1) echo 10.99.0.10 ;;
         dc2) echo 10.99.0.20 ;;
         dc3) echo 10.99.0.30 ;;
-        host*) echo 10.99.0.$((100 + ${1#host})) ;;
+        host*) echo "10.99.0.$((${1#host} <= 154 ? 100 + ${1#host} : ${1#host} - 115))" ;;
     esac
 }
 

@@ -2,12 +2,16 @@
 tests need."""
 
 import os
+import secrets
+import sys
 import time
 
 import ldb
+from samba import enable_net_export_keytab
 from samba.auth import system_session
 from samba.dcerpc import security
 from samba.ndr import ndr_pack, ndr_unpack
+from samba.net import Net
 from samba.param import LoadParm
 from samba.samdb import SamDB
 
@@ -57,6 +61,15 @@ def add_awkward_user(samdb, base, password):
     samdb.rename(find_user(samdb, "eve")[0], dn)
 
 
+def add_proxy_account(samdb, base):
+    """The service account of an authentication proxy, which has no password that anybody knows."""
+    hosts = f"OU=Hosts,{base}"
+    for unit in (hosts, f"OU=Web,{hosts}"):
+        samdb.add({"dn": unit, "objectClass": "organizationalUnit"})
+    samdb.newuser("svc-apxd", "Aa1-" + secrets.token_hex(24))
+    delegate_computers(samdb, hosts, find_user(samdb, "svc-apxd")[1])
+
+
 def main():
     parameters = LoadParm()
     parameters.load_default()
@@ -86,7 +99,13 @@ def main():
     for unit in (servers, f"OU=Hosts,{servers}"):
         samdb.add({"dn": unit, "objectClass": "organizationalUnit"})
     delegate_computers(samdb, servers, find_user(samdb, "joiner")[1])
+    with_proxy = samdb.domain_dns_name() == "corp.example"
+    if with_proxy:
+        add_proxy_account(samdb, base)
     samdb.transaction_commit()
+    if with_proxy:
+        enable_net_export_keytab()
+        Net(None, parameters).export_keytab(keytab=sys.argv[1], principal="svc-apxd")
 
 
 if __name__ == "__main__":

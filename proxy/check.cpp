@@ -1,0 +1,66 @@
+#include "start.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <functional>
+
+#include "keytab_check.h"
+
+namespace tessary::proxy {
+namespace {
+
+bool IsMissing(const std::string& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) != 0 && errno == ENOENT;
+}
+
+void Describe(const Identity& identity, CheckResult& result) {
+    const int days = identity.DaysLeft();
+    result.facts.push_back("thumbprint " + identity.Thumbprint());
+    result.facts.push_back("the certificate expires in " + std::to_string(days) + " days" +
+                           (days < warningDays ? ": time for another" : ""));
+}
+
+void CheckParts(const std::string& file, const Configuration& configuration, CheckResult& result) {
+    const auto check = [&](const std::function<void()>& part) {
+        try {
+            part();
+        } catch (const std::exception& fault) {
+            result.faults.push_back(file + ": " + fault.what());
+        }
+    };
+    check([&] { AllowConnections(configuration.server.front.connections); });
+    check([&] { CheckKeytab(configuration.accounts.keytab, configuration.accounts.account); });
+    const std::string& state = configuration.accounts.stateDirectory;
+    if (IsMissing(state))
+        result.facts.push_back(state + " is made at the first start");
+    else
+        check([&] { PrepareStateDirectory(state); });
+    const std::string& certificate = configuration.certificate;
+    if (IsMissing(certificate) && IsMissing(configuration.privateKey))
+        result.facts.push_back(certificate + " is made at the first start");
+    else
+        check([&] { Describe(ReadIdentity(certificate, configuration.privateKey), result); });
+    if (configuration.server.front.allowedNetworks.empty())
+        result.facts.push_back("allowed_networks is empty: everybody is refused");
+}
+
+} // namespace
+
+CheckResult CheckConfiguration(const std::string& file) {
+    CheckResult result;
+    try {
+        const Configuration configuration = ReadConfiguration(file);
+        BecomeOwnerOf(configuration.accounts.stateDirectory);
+        CheckParts(file, configuration, result);
+    } catch (const ConfigurationError& error) {
+        result.faults = error.Faults();
+    } catch (const std::exception& fault) {
+        result.faults.push_back(file + ": " + fault.what());
+    }
+    return result;
+}
+
+} // namespace tessary::proxy

@@ -1,0 +1,337 @@
+#include "front_door.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <system_error>
+
+#include "account_service.h"
+#include "listener.h"
+#include "refusal_answer.h"
+
+namespace tessary::proxy {
+namespace {
+
+constexpr std::uint64_t listenerId = 0;
+constexpr std::uint64_t wakeId = 1;
+constexpr std::uint64_t firstGuestId = 2;
+
+constexpr int acceptedPerTurn = 64;
+constexpr std::size_t eventsPerTurn = 256;
+/// How long there is no accepting while no descriptor is free and nobody can give way.
+constexpr std::chrono::milliseconds muteTime{100};
+
+void Check(bool holds, const char* what) {
+    if (!holds)
+        throw std::system_error(errno, std::generic_category(), what);
+}
+
+bool IsUnfinished(const Connection& connection) {
+    const auto phase = connection.WhichPhase();
+    return phase != Connection::Phase::Running && phase != Connection::Phase::Writing;
+}
+
+bool IsReadable(int fd) {
+    pollfd watched{fd, POLLIN, 0};
+    return poll(&watched, 1, 0) == 1;
+}
+
+bool AsksForHealth(const RequestReader& reader) {
+    return reader.Now() == RequestReader::State::Complete && reader.Method() == "GET" &&
+           reader.Target() == "/healthz";
+}
+
+} // namespace
+
+FrontDoor::FrontDoor(const FrontSettings& settings, UniqueTlsContext context, LogSink sink,
+                     Dispatch dispatch, Cancel cancel)
+    : settings_(settings), context_(std::move(context)), sink_(std::move(sink)),
+      dispatch_(std::move(dispatch)), cancel_(std::move(cancel)), nuisances_(sink_),
+      limits_(settings.requestsPerMinuteAndAddress, settings.requestsPerMinute),
+      listener_(Listen(settings.listen, settings.port)),
+      wake_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), epoll_(epoll_create1(EPOLL_CLOEXEC)),
+      nextId_(firstGuestId) {
+    Check(wake_ && epoll_, "cannot wait for connections");
+    Watch(EPOLL_CTL_ADD, listener_.Get(), EPOLLIN, listenerId);
+    Watch(EPOLL_CTL_ADD, wake_.Get(), EPOLLIN, wakeId);
+}
+
+std::uint16_t FrontDoor::Port() const {
+    return PortOf(listener_.Get());
+}
+
+void FrontDoor::Watch(int operation, int fd, std::uint32_t events, std::uint64_t id) {
+    epoll_event event{};
+    event.events = events;
+    event.data.u64 = id;
+    Check(epoll_ctl(epoll_.Get(), operation, fd, &event) == 0, "cannot wait for connections");
+}
+
+void FrontDoor::Run() {
+    for (bool stopping = false; !stopping || !guests_.empty();) {
+        std::array<epoll_event, eventsPerTurn> events{};
+        const int count = epoll_wait(epoll_.Get(), events.data(), eventsPerTurn, TimeToWait());
+        Check(count >= 0 || errno == EINTR, "cannot wait for connections");
+        if (muted_)
+            Mute(false);
+        for (int i = 0; i < count; ++i) {
+            const std::uint64_t id = events[static_cast<std::size_t>(i)].data.u64;
+            const auto guest = guests_.find(id);
+            if (id == listenerId && listener_)
+                AcceptSome();
+            else if (guest != guests_.end()) // one that an earlier event has not ended
+                AdvanceOrEnd(id);
+        }
+        EndLate();
+        TakeAnswers();
+        nuisances_.Sum(Clock::now());
+        const std::lock_guard lock(mutex_);
+        stopping = stopping_;
+        if (stopping && listener_)
+            Close();
+    }
+    nuisances_.SumAll();
+}
+
+int FrontDoor::TimeToWait() const {
+    auto wait = std::chrono::milliseconds(NuisanceLog::interval);
+    if (muted_)
+        wait = muteTime;
+    if (!deadlines_.empty()) {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(deadlines_.begin()->first - Clock::now());
+        wait = std::clamp(left, std::chrono::milliseconds(0), wait);
+    }
+    return static_cast<int>(wait.count());
+}
+
+void FrontDoor::AcceptSome() {
+    for (int i = 0; i < acceptedPerTurn && TryAccept(); ++i) {
+    }
+}
+
+bool FrontDoor::TryAccept() {
+    sockaddr_storage storage{};
+    socklen_t length = sizeof storage;
+    auto* const address = reinterpret_cast<sockaddr*>(&storage);
+    directory::UniqueFd socket(
+        accept4(listener_.Get(), address, &length, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (socket) {
+        // What is small and last must not wait until the client has confirmed what came before.
+        const int yes = 1;
+        setsockopt(socket.Get(), IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+        Admit(std::move(socket), Peer::Of(address));
+        return true;
+    }
+    if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+        // It fails for want of a descriptor also while there is nobody to accept.
+        const bool again = IsReadable(listener_.Get()) && MakeRoom();
+        if (!again)
+            Mute(true);
+        return again;
+    }
+    return errno != EAGAIN; // other failures are the connection's own
+}
+
+void FrontDoor::Mute(bool muted) {
+    muted_ = muted;
+    if (listener_)
+        Watch(EPOLL_CTL_MOD, listener_.Get(), muted ? 0 : std::uint32_t{EPOLLIN}, listenerId);
+}
+
+bool FrontDoor::IsListed(const IpAddress& address) const {
+    return std::any_of(settings_.allowedNetworks.begin(), settings_.allowedNetworks.end(),
+                       [&](const Network& network) { return network.Contains(address); });
+}
+
+void FrontDoor::Admit(directory::UniqueFd socket, const Peer& peer) {
+    const auto now = Clock::now();
+    const IpAddress site = peer.address.Site();
+    const bool isListed = IsListed(peer.address);
+    const auto ofSite = perSite_.find(site);
+    const unsigned own = ofSite == perSite_.end() ? 0 : ofSite->second;
+    if (own >= settings_.connectionsPerAddress ||
+        (!isListed && unlisted_ >= std::max(1u, settings_.connections / 4)) ||
+        limits_.IsFlooding(peer.address, now))
+        return nuisances_.Write(Nuisance::TooManyConnections, peer, "", now);
+    if (guests_.size() >= settings_.connections && !MakeRoom())
+        return nuisances_.Write(Nuisance::TooManyConnections, peer, "all are being answered", now);
+
+    const std::uint64_t id = nextId_++;
+    const auto guest =
+        guests_.try_emplace(id, Guest{Connection(std::move(socket), peer), isListed, {}, EPOLLIN})
+            .first;
+    ++perSite_[site];
+    unlisted_ += isListed ? 0 : 1;
+    ++open_;
+    SetDeadline(guest, now + settings_.requestTime);
+    Watch(EPOLL_CTL_ADD, guest->second.connection.Socket(), EPOLLIN, id);
+}
+
+bool FrontDoor::MakeRoom() {
+    const auto oldest = std::find_if(guests_.begin(), guests_.end(), [](const auto& guest) {
+        return IsUnfinished(guest.second.connection);
+    });
+    if (oldest == guests_.end())
+        return false;
+    EndAs(oldest, Nuisance::GaveWay, "");
+    return true;
+}
+
+void FrontDoor::AdvanceOrEnd(std::uint64_t id) {
+    try {
+        Advance(guests_.find(id));
+    } catch (const std::exception& failure) { // such as no memory for it
+        if (const auto guest = guests_.find(id); guest != guests_.end())
+            EndAs(guest, Nuisance::GaveWay, failure.what());
+    }
+}
+
+void FrontDoor::Advance(Guests::iterator guest) {
+    using Step = Connection::Step;
+    Connection& connection = guest->second.connection;
+    const auto before = connection.WhichPhase();
+    switch (connection.Advance(*context_)) {
+    case Step::Waits:
+        break;
+    case Step::HasRequest:
+        Decide(guest);
+        break;
+    case Step::Ended:
+        return End(guest);
+    case Step::ClosedEarly:
+        return EndAs(guest, Nuisance::ClosedEarly, "");
+    case Step::Failed:
+        return EndAs(guest,
+                     before == Connection::Phase::Handshake ? Nuisance::Handshake
+                                                            : Nuisance::ClosedEarly,
+                     connection.Failure());
+    }
+    if (before == Connection::Phase::Writing &&
+        connection.WhichPhase() == Connection::Phase::Lingering)
+        SetDeadline(guest, Clock::now() + settings_.lingerTime);
+    if (connection.Events() != guest->second.watched) {
+        guest->second.watched = connection.Events();
+        Watch(EPOLL_CTL_MOD, connection.Socket(), connection.Events(), guest->first);
+    }
+}
+
+void FrontDoor::Decide(Guests::iterator guest) {
+    const auto now = Clock::now();
+    const Connection& connection = guest->second.connection;
+    const Peer& peer = connection.Client();
+    const RequestReader& reader = connection.Reader();
+    const bool isListed = guest->second.isListed;
+    const bool mayAsk =
+        (isListed && AsksForHealth(reader)) || limits_.Charge(peer.address, isListed, now);
+    if (!isListed) {
+        nuisances_.Write(Nuisance::NotAllowed, peer, "", now);
+        Refuse(guest, 403, Code::NotAllowed, "this address may not ask the authentication proxy");
+    } else if (!mayAsk) {
+        nuisances_.Write(Nuisance::TooManyRequests, peer, "", now);
+        Refuse(guest, 429, Code::NotAllowed, "too many requests; try again in a minute");
+    } else if (reader.Now() == RequestReader::State::Refused) {
+        nuisances_.Write(Nuisance::Malformed, peer, reader.Message(), now);
+        Refuse(guest, reader.Status(), Code::BadRequest, reader.Message());
+    } else {
+        SetDeadline(guest, Clock::time_point::max());
+        dispatch_(guest->first, peer, reader);
+    }
+}
+
+void FrontDoor::Refuse(Guests::iterator guest, int status, Code code, const std::string& message) {
+    guest->second.connection.SetAnswer(RefusalAnswer(status, code, message));
+    SetDeadline(guest, Clock::now() + settings_.answerTime);
+}
+
+void FrontDoor::SetDeadline(Guests::iterator guest, Clock::time_point deadline) {
+    deadlines_.erase({guest->second.deadline, guest->first});
+    guest->second.deadline = deadline;
+    if (deadline != Clock::time_point::max())
+        deadlines_.insert({deadline, guest->first});
+}
+
+void FrontDoor::EndLate() {
+    const auto now = Clock::now();
+    while (!deadlines_.empty() && deadlines_.begin()->first <= now) {
+        const auto guest = guests_.find(deadlines_.begin()->second);
+        if (guest->second.connection.WhichPhase() == Connection::Phase::Lingering)
+            End(guest);
+        else
+            EndAs(guest, Nuisance::TooSlow, "");
+    }
+}
+
+void FrontDoor::EndAs(Guests::iterator guest, Nuisance kind, const std::string& detail) {
+    const auto now = Clock::now();
+    const Connection& connection = guest->second.connection;
+    const auto phase = connection.WhichPhase();
+    if (phase == Connection::Phase::Lingering)
+        return End(guest); // it has its answer
+    nuisances_.Write(kind, connection.Client(), detail, now);
+    const bool isCounted =
+        phase == Connection::Phase::Running || phase == Connection::Phase::Writing;
+    if (!isCounted && kind != Nuisance::GaveWay)
+        limits_.Charge(connection.Client().address, false, now);
+    End(guest);
+}
+
+void FrontDoor::End(Guests::iterator guest) {
+    if (guest->second.connection.WhichPhase() == Connection::Phase::Running)
+        cancel_(guest->first);
+    SetDeadline(guest, Clock::time_point::max());
+    const auto site = perSite_.find(guest->second.connection.Client().address.Site());
+    if (--site->second == 0)
+        perSite_.erase(site);
+    unlisted_ -= guest->second.isListed ? 0 : 1;
+    --open_;
+    guests_.erase(guest);
+}
+
+void FrontDoor::Answer(std::uint64_t id, SecretText answer) {
+    const std::lock_guard lock(mutex_);
+    answers_.emplace_back(id, std::move(answer));
+    eventfd_write(wake_.Get(), 1);
+}
+
+void FrontDoor::Stop() {
+    const std::lock_guard lock(mutex_);
+    stopping_ = true;
+    eventfd_write(wake_.Get(), 1);
+}
+
+void FrontDoor::TakeAnswers() {
+    decltype(answers_) answers;
+    {
+        eventfd_t count = 0;
+        const std::lock_guard lock(mutex_);
+        eventfd_read(wake_.Get(), &count);
+        answers.swap(answers_);
+    }
+    for (auto& [id, answer] : answers) {
+        const auto guest = guests_.find(id);
+        if (guest == guests_.end())
+            continue;
+        guest->second.connection.SetAnswer(std::move(answer));
+        SetDeadline(guest, Clock::now() + settings_.answerTime);
+        AdvanceOrEnd(id);
+    }
+}
+
+void FrontDoor::Close() {
+    listener_ = directory::UniqueFd();
+    for (auto guest = guests_.begin(); guest != guests_.end();) {
+        const auto next = std::next(guest);
+        if (IsUnfinished(guest->second.connection))
+            End(guest);
+        guest = next;
+    }
+}
+
+} // namespace tessary::proxy

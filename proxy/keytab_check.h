@@ -1,0 +1,16 @@
+/// The file with the service account's keys.
+#ifndef TESSARY_PROXY_KEYTAB_CHECK_H
+#define TESSARY_PROXY_KEYTAB_CHECK_H
+
+#include <string>
+
+namespace tessary::proxy {
+
+/// \param account the service account's name
+/// \throws std::runtime_error when the file cannot be read, is open to every user, is no keytab, or
+///         has no key of the account; names the file
+void CheckKeytab(const std::string& path, const std::string& account);
+
+} // namespace tessary::proxy
+
+#endif

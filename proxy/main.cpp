@@ -1,0 +1,158 @@
+/// tesauth-apxd: makes machine accounts for hosts that have no domain credentials.
+#include <CLI/CLI.hpp>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <iostream>
+#include <string>
+
+#include "configuration.h"
+#include "decision_log.h"
+#include "directory_accounts.h"
+#include "host_name.h"
+#include "server.h"
+#include "start.h"
+
+namespace {
+
+using namespace tessary::proxy;
+
+constexpr int succeeded = 0;
+constexpr int failed = 1;
+constexpr int misused = 2;
+
+constexpr std::chrono::seconds timeToEnd{10};
+
+struct CommandLine {
+    std::string configuration = defaultConfiguration;
+    std::string hostToRelease;
+    bool check = false;
+};
+
+/// Says what failed, to whoever is there.
+int Fail(const std::string& cause) {
+    std::cerr << "tesauth-apxd: " << cause << '\n';
+    syslog(LOG_ERR, "%s", cause.c_str());
+    return failed;
+}
+
+int Check(const std::string& file) {
+    const CheckResult result = CheckConfiguration(file);
+    for (const std::string& fault : result.faults)
+        std::cerr << fault << '\n';
+    for (const std::string& fact : result.facts)
+        std::cout << fact << '\n';
+    return result.faults.empty() ? succeeded : failed;
+}
+
+int Release(const std::string& file, const std::string& host) {
+    const auto name = NormalizeHostName(host);
+    if (!name)
+        return Fail(Printable(host) + " is not a fully qualified host name");
+    const Configuration configuration = ReadConfiguration(file);
+    const uid_t user = getuid();
+    BecomeOwnerOf(configuration.accounts.stateDirectory);
+    ReleaseAccount(configuration.accounts.stateDirectory, *name);
+    syslog(LOG_INFO, "%s: released by the user %u", name->c_str(), user);
+    std::cout << "the account of " << *name << " may be given a new password once\n";
+    return succeeded;
+}
+
+Identity Prepare(const Configuration& configuration) {
+    AllowConnections(configuration.server.front.connections);
+    PrepareStateDirectory(configuration.accounts.stateDirectory);
+    Identity identity = PrepareIdentity(configuration.certificate, configuration.privateKey);
+    const std::string thumbprint = "thumbprint " + identity.Thumbprint();
+    std::cout << thumbprint << std::endl;
+    syslog(LOG_INFO, "%s", thumbprint.c_str());
+    if (identity.DaysLeft() < warningDays)
+        syslog(LOG_WARNING, "the certificate in %s expires in %d days",
+               configuration.certificate.c_str(), identity.DaysLeft());
+    if (configuration.server.front.allowedNetworks.empty())
+        syslog(LOG_WARNING, "allowed_networks is empty: everybody is refused");
+    return identity;
+}
+
+/// The signals that end the server; taken by nothing but sigwait().
+sigset_t EndingSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    return signals;
+}
+
+int Serve(const std::string& file) {
+    const sigset_t signals = EndingSignals();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+    umask(077);
+    const rlimit noCore{};
+    setrlimit(RLIMIT_CORE, &noCore); // it would have keys in it
+
+    const Configuration configuration = ReadConfiguration(file);
+    const Identity identity = Prepare(configuration);
+    const auto accounts = OpenDirectoryAccounts(configuration.accounts);
+    Server server(configuration.server, identity, *accounts, SystemLookUp(), SystemLog());
+    const Peer self{configuration.server.front.listen, server.Port()};
+    syslog(LOG_INFO, "serving %s at %s", configuration.accounts.domain.c_str(),
+           self.Text().c_str());
+    sd_notify(0, "READY=1");
+
+    int signal = 0;
+    sigwait(&signals, &signal);
+    sd_notify(0, "STOPPING=1");
+    if (!server.Stop(tessary::directory::Deadline::In(timeToEnd))) {
+        syslog(LOG_WARNING, "ending; some requests are left without an answer");
+        std::cout.flush();
+        _exit(succeeded); // their threads cannot be ended
+    }
+    syslog(LOG_INFO, "ended");
+    return succeeded;
+}
+
+int Run(const CommandLine& line) {
+    try {
+        if (line.check)
+            return Check(line.configuration);
+        if (!line.hostToRelease.empty())
+            return Release(line.configuration, line.hostToRelease);
+        return Serve(line.configuration);
+    } catch (const ConfigurationError& error) {
+        for (const std::string& fault : error.Faults())
+            Fail(fault);
+        return failed;
+    } catch (const std::exception& error) {
+        return Fail(error.what());
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    CommandLine line;
+    CLI::App app("Authentication proxy: makes machine accounts for hosts that have no domain "
+                 "credentials");
+    app.set_version_flag("--version", "tesauth-apxd " TESAUTH_APXD_VERSION);
+    app.add_option("--config", line.configuration, "The configuration file")->capture_default_str();
+    auto* const check =
+        app.add_flag("--check", line.check, "Check the configuration and what it names, and end");
+    auto* const release =
+        app.add_subcommand("release", "Let the account of a host be given a new password once");
+    release->add_option("host", line.hostToRelease, "The host's fully qualified name")->required();
+    release->fallthrough();
+    release->excludes(check);
+    app.footer("Exit codes: 0 done, 1 failed, 2 wrong usage");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? succeeded : misused;
+    }
+    openlog("tesauth-apxd", LOG_PID, LOG_DAEMON);
+    return Run(line);
+}

@@ -1,0 +1,43 @@
+/// What has to be in place before the proxy serves.
+#ifndef TESSARY_PROXY_START_H
+#define TESSARY_PROXY_START_H
+
+#include "certificate.h"
+#include "configuration.h"
+
+#include <string>
+#include <vector>
+
+namespace tessary::proxy {
+
+/// From then on, a certificate is said to expire soon.
+inline constexpr int warningDays = 30;
+
+/// Makes the state directory where it is missing.
+/// \throws std::exception when it cannot be made, is another user's, or open to others
+void PrepareStateDirectory(const std::string& path);
+
+/// The server's certificate and key; makes both where both are missing.
+/// \throws std::exception when one of them is missing, or as ReadIdentity() does
+Identity PrepareIdentity(const std::string& certificateFile, const std::string& keyFile);
+
+/// Sees to it that so many connections can be open.
+/// \throws std::runtime_error when the system's limit is lower
+void AllowConnections(unsigned connections);
+
+/// What a check has found.
+struct CheckResult {
+    std::vector<std::string> faults; ///< each a line
+    std::vector<std::string> facts;  ///< each a line for a person
+};
+
+/// Checks a configuration and what it names, without the network, and changes nothing.
+CheckResult CheckConfiguration(const std::string& file);
+
+/// Makes this process the user's who owns a directory, for good, if it is root's and the directory
+/// another's: what it reads is what that one can read, and what it writes that one's.
+void BecomeOwnerOf(const std::string& directory);
+
+} // namespace tessary::proxy
+
+#endif

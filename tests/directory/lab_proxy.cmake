@@ -1,0 +1,22 @@
+# What the authentication proxy does in the directory.
+
+add_library(tesauth_proxy_lab STATIC
+  ${CMAKE_CURRENT_LIST_DIR}/proxy_interference.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/proxy_lab.cpp)
+target_include_directories(tesauth_proxy_lab PUBLIC ${CMAKE_CURRENT_LIST_DIR})
+target_link_libraries(tesauth_proxy_lab PUBLIC tesauth_proxy_accounts tesauth_lab_commands
+                      ${CMAKE_DL_LIBS})
+
+tesauth_lab_test(lab_proxy_accounts
+  SOURCES lab_proxy_accounts_test.cpp lab_proxy_resets_test.cpp lab_proxy_sweep_test.cpp
+  LIBRARIES tesauth_proxy_lab
+  IN host1)
+
+tesauth_lab_test(lab_proxy_failures
+  SOURCES lab_proxy_failures_test.cpp
+  LIBRARIES tesauth_proxy_lab
+  IN host1)
+
+tesauth_host_test(proxy_accounts
+  SOURCES proxy_account_records_test.cpp proxy_account_rules_test.cpp
+  LIBRARIES tesauth_proxy_accounts)

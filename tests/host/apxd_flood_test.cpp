@@ -1,0 +1,240 @@
+#include "apxd_fixture.h"
+
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <thread>
+
+/// More connections and requests than there may be, and slower ones. Honest hosts are served all
+/// the while.
+namespace apxd_test {
+namespace {
+
+using namespace tessary::proxy;
+using std::chrono::milliseconds;
+using testing::Each;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+constexpr std::size_t megabyte = 1024 * 1024;
+
+class FloodTest : public ServerTest {
+protected:
+    FloodTest() {
+        rlimit limit{};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+
+    /// So many connections that have begun a request and go on with a byte at a time.
+    std::vector<std::unique_ptr<Client>> HoldSlowly(std::size_t count, const std::string& from) {
+        std::vector<std::unique_ptr<Client>> slow;
+        for (std::size_t i = 0; i < count; ++i) {
+            slow.push_back(std::make_unique<Client>(Port(), from));
+            slow.back()->Send("P");
+        }
+        return slow;
+    }
+};
+
+TEST_F(FloodTest, ServesBesideTwoThousandConnectionsOfAByteNowAndThen) {
+    Start();
+    const std::size_t before = ResidentBytes();
+    const auto slow = HoldSlowly(2000, "127.0.0.1");
+    ASSERT_EQ(server_->Connections(), 2000u);
+    for (const char& c : std::string("OST /v1/machine-accounts HTTP/1.1\r\n")) {
+        for (const auto& client : slow)
+            ASSERT_TRUE(client->Send({&c, 1}));
+        ASSERT_EQ(ServeHonestHost(), 201);
+    }
+    EXPECT_GE(server_->Connections(), 2000u) << "they were to be held";
+    // Both ends of each are this process's.
+    EXPECT_LT(ResidentBytes(), before + 400 * megabyte);
+    RecordProperty("mebibytes", std::to_string((ResidentBytes() - before) / megabyte));
+    EXPECT_THAT(accounts_.Asked(), Each("honest.corp.example|"));
+}
+
+TEST_F(FloodTest, GivesNobodyMoreTimeThanThereIs) {
+    settings_.front.requestTime = milliseconds(300);
+    Start();
+    const auto silent = ConnectFrom("127.0.0.1", Port());
+    Client greeted(Port());
+    Client begun(Port());
+    begun.Send("POST /v1/machine-accounts HTTP/1.1\r\n");
+    Client slow(Port());
+    // The time is for all of it: what arrives in between does not prolong it.
+    const auto end = std::chrono::steady_clock::now() + patience;
+    while (slow.Send("a") && server_->Connections() > 0 && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(milliseconds(10));
+    EXPECT_TRUE(IsEnded(silent.Get()));
+    EXPECT_TRUE(IsEnded(greeted.Socket()));
+    EXPECT_TRUE(IsEnded(begun.Socket()));
+    EXPECT_TRUE(WaitForConnections(0));
+    EXPECT_EQ(log_.Count("closed: too slow"), 4u);
+}
+
+TEST_F(FloodTest, GivesAnAddressItsShareOfTheConnections) {
+    settings_.front.connectionsPerAddress = 8;
+    Start();
+    const auto slow = HoldSlowly(8, "127.0.0.1");
+    for (int i = 0; i < 100; ++i)
+        ASSERT_TRUE(IsEnded(ConnectFrom("127.0.0.1", Port()).Get()));
+    EXPECT_EQ(server_->Connections(), 8u);
+    EXPECT_EQ(ServeHonestHost(), 201);
+    EXPECT_EQ(log_.Count("closed: too many connections"), NuisanceLog::linesPerMinute);
+}
+
+TEST_F(FloodTest, MakesRoomWhenAllConnectionsAreTaken) {
+    settings_.front.connections = 32;
+    Start();
+    const auto slow = HoldSlowly(32, "127.0.0.1");
+    EXPECT_EQ(ServeHonestHost(), 201);
+    EXPECT_TRUE(IsEnded(slow.front()->Socket())) << "the oldest was to give way";
+    EXPECT_TRUE(slow.back()->Send("O"));
+    EXPECT_EQ(log_.Count("closed: made room"), 1u);
+}
+
+TEST_F(FloodTest, GivesStrangersAShareOfTheConnections) {
+    settings_.front.allowedNetworks = {*Network::Parse("127.0.0.9/32")};
+    settings_.front.connections = 32;
+    Start();
+    std::vector<tessary::directory::UniqueFd> strangers;
+    for (int i = 0; i < 100; ++i)
+        strangers.push_back(ConnectFrom("127.0.1." + std::to_string(i), Port()));
+    EXPECT_EQ(ServeHonestHost(), 201);
+    EXPECT_TRUE(WaitForConnections(8));
+    EXPECT_EQ(log_.Count("closed: made room"), 0u);
+}
+
+TEST_F(FloodTest, ServesWhenDescriptorsRunOut) {
+    Start();
+    const auto slow = HoldSlowly(8, "127.0.0.1");
+    ASSERT_EQ(ServeHonestHost(), 201);
+    ASSERT_TRUE(WaitForConnections(8));
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const tessary::directory::UniqueFd highest(dup(STDERR_FILENO));
+    // One more, which is the client's end of the next connection.
+    const rlimit few{static_cast<rlim_t>(highest.Get()) + 2, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+    EXPECT_EQ(ServeHonestHost(), 201);
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(log_.Count("closed: made room"), 1u);
+    EXPECT_TRUE(IsEnded(slow.front()->Socket()));
+}
+
+TEST_F(FloodTest, RefusesAnAddressThatAsksTooOften) {
+    settings_.front.requestsPerMinuteAndAddress = 5;
+    Start();
+    std::vector<int> statuses;
+    for (int i = 0; i < 8; ++i) {
+        const Reply reply = Ask(Port(), AccountRequestOf("web1.corp.example"));
+        statuses.push_back(reply.status);
+        if (reply.status == 429) {
+            EXPECT_EQ(reply.Code(), "5");
+            EXPECT_THAT(reply.head, HasSubstr("Retry-After: 60"));
+        }
+    }
+    EXPECT_THAT(statuses, ElementsAre(201, 201, 201, 201, 201, 429, 429, 429));
+    EXPECT_EQ(Ask(Port(), GetRequest("/healthz")).status, 200) << "it counts nothing";
+    EXPECT_EQ(ServeHonestHost(), 201);
+    EXPECT_EQ(accounts_.Asked().size(), 6u);
+}
+
+TEST_F(FloodTest, ClosesTheDoorToAnAddressThatGoesOnAndOn) {
+    settings_.front.requestsPerMinuteAndAddress = 5;
+    Start();
+    for (int i = 0; i < 20; ++i) {
+        const auto socket = ConnectFrom("127.0.0.1", Port());
+        SendRaw(socket.Get(), "nonsense that is no TLS");
+        ASSERT_TRUE(IsEnded(socket.Get()));
+    }
+    const Client client(Port());
+    EXPECT_FALSE(client.IsUp());
+    EXPECT_EQ(ServeHonestHost(), 201);
+}
+
+TEST_F(FloodTest, RefusesMoreRequestsInAllThanThereMayBe) {
+    settings_.front.requestsPerMinute = 4;
+    Start();
+    for (int i = 1; i <= 4; ++i)
+        EXPECT_EQ(Ask(Port(), GetRequest("/v1/domain"), "127.0.0." + std::to_string(i)).status,
+                  200);
+    EXPECT_EQ(Ask(Port(), GetRequest("/v1/domain"), "127.0.0.5").status, 429);
+}
+
+TEST_F(FloodTest, DoesNotLetStrangersUseUpWhatThereIsForAll) {
+    settings_.front.allowedNetworks = {*Network::Parse("127.0.0.9")};
+    settings_.front.requestsPerMinute = 4;
+    Start();
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ(Ask(Port(), GetRequest("/v1/domain")).status, 403);
+    EXPECT_EQ(ServeHonestHost(), 201);
+}
+
+TEST_F(FloodTest, GivesAnAddressItsShareOfTheThreads) {
+    // Whoever can have name servers or the directory answer slowly holds no others up.
+    names_["slow.corp.example"] = {"127.0.0.1"};
+    Start();
+    accounts_.Hold("slow.corp.example");
+    std::vector<std::unique_ptr<Client>> slow;
+    for (unsigned i = 0; i < 3 * settings_.workers; ++i) {
+        slow.push_back(std::make_unique<Client>(Port()));
+        slow.back()->Send(AccountRequestOf("slow.corp.example"));
+    }
+    ASSERT_TRUE(accounts_.WaitForHeld(settings_.workersPerAddress));
+    EXPECT_EQ(ServeHonestHost(), 201);
+    accounts_.LetGo();
+    for (const auto& client : slow)
+        EXPECT_EQ(client->Receive().status, 201);
+}
+
+TEST_F(FloodTest, SaysThatItServesWhileAllThreadsWaitForTheDirectory) {
+    names_["slow.corp.example"] = {"127.0.0.1", "127.0.0.2", "127.0.0.3"};
+    settings_.workers = 4;
+    Start();
+    accounts_.Hold("slow.corp.example");
+    std::vector<std::unique_ptr<Client>> slow;
+    for (const char* from : {"127.0.0.1", "127.0.0.2", "127.0.0.3"}) {
+        for (int i = 0; i < 2; ++i) {
+            slow.push_back(std::make_unique<Client>(Port(), from));
+            slow.back()->Send(AccountRequestOf("slow.corp.example"));
+        }
+    }
+    ASSERT_TRUE(accounts_.WaitForHeld(settings_.workers));
+    EXPECT_EQ(Ask(Port(), GetRequest("/healthz")).status, 200);
+}
+
+TEST_F(FloodTest, ForgetsRequestsWhoseClientsAreGone) {
+    names_["slow.corp.example"] = {"127.0.0.1"};
+    Start();
+    accounts_.Hold("slow.corp.example");
+    for (int i = 0; i < 100; ++i) {
+        Client client(Port());
+        client.Send(AccountRequestOf("slow.corp.example"));
+        if (i == 0) {
+            ASSERT_TRUE(accounts_.WaitForHeld(1));
+        }
+        const linger reset{1, 0};
+        setsockopt(client.Socket(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    }
+    ASSERT_TRUE(WaitForConnections(0));
+    accounts_.LetGo();
+    EXPECT_EQ(ServeHonestHost(), 201);
+    EXPECT_LE(accounts_.Asked().size(), 1 + settings_.workersPerAddress)
+        << "what had begun, and the honest one's";
+}
+
+TEST_F(FloodTest, EndsAClientThatDoesNotEndItsSide) {
+    settings_.front.lingerTime = milliseconds(200);
+    Start();
+    Client client(Port());
+    client.Send(GetRequest("/healthz"));
+    EXPECT_EQ(client.Receive().status, 200);
+    EXPECT_TRUE(WaitForConnections(0)) << "it is to be closed though the client stays";
+    EXPECT_EQ(log_.Count("closed"), 0u);
+}
+
+} // namespace
+} // namespace apxd_test
