@@ -64,9 +64,10 @@ Answer ChangeFile(const FileArguments& arguments, bool asJson, const FileSnapsho
     }
     CheckThatReplaceable(file, true);
     const FileLock lock(TargetOf(file, true));
-    CheckThatNobodyChangedIt(file, before, ReadIfThere(file));
-    FileBackup backup(file, before);
-    ReplaceFile(file, before, before, content);
+    const auto now = ReadIfThere(file); // its owner and permissions may be others by now
+    CheckThatNobodyChangedIt(file, before, now);
+    FileBackup backup(file, *now);
+    ReplaceFile(file, now, *now, content);
     backup.Keep();
     return {"changed " + file + "; " + BackupNameOf(file) +
                 " is what it was before the first change",
@@ -81,15 +82,16 @@ Answer RestoreFile(const FileArguments& arguments, bool asJson) {
         throw HintedError("there is no " + name,
                           "a backup is made when the file is changed for the first time");
     }
-    const auto now = ReadIfThere(file);
-    const std::string diff = UnifiedDiff(file, now ? now->content : "", backup->content);
-    const bool differs = !diff.empty() || !now;
+    const auto before = ReadIfThere(file);
+    const std::string diff = UnifiedDiff(file, before ? before->content : "", backup->content);
+    const bool differs = !diff.empty() || !before;
     Show(diff, asJson);
     if (!arguments.dryRun) {
-        CheckThatReplaceable(file, now.has_value());
-        const FileLock lock(TargetOf(file, now.has_value()));
+        CheckThatReplaceable(file, before.has_value());
+        const FileLock lock(TargetOf(file, before.has_value()));
         CheckThatNobodyChangedIt(name, backup, ReadBackup(file));
-        CheckThatNobodyChangedIt(file, now, ReadIfThere(file));
+        const auto now = ReadIfThere(file);
+        CheckThatNobodyChangedIt(file, before, now);
         if (differs) {
             ReplaceFile(file, now, now ? *now : *backup, backup->content);
         }

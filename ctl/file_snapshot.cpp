@@ -133,16 +133,16 @@ void MakeLike(const FileSnapshot& model, int descriptor, const std::string& path
     if (!sameOwner && fchown(descriptor, model.status.st_uid, model.status.st_gid) != 0) {
         ThrowFileError("cannot give " + path + " its owner and group", errno);
     }
-    // An ACL from the folder lets nobody in before the permissions do.
+    // The permissions last: until then an ACL, be it the folder's or the model's, lets nobody in.
     RemoveAttributesBeyond(model, descriptor, path);
-    if (fchmod(descriptor, model.status.st_mode & 07777) != 0) {
-        ThrowFileError("cannot give " + path + " its permissions", errno);
-    }
     for (const auto& [name, value] : model.attributes) {
         if (fsetxattr(descriptor, name.c_str(), value.data(), value.size(), 0) != 0 &&
             !MayBeLost(name)) {
             ThrowFileError("cannot give " + path + " its attribute " + name, errno);
         }
+    }
+    if (fchmod(descriptor, model.status.st_mode & 07777) != 0) {
+        ThrowFileError("cannot give " + path + " its permissions", errno);
     }
     if (fsync(descriptor) != 0) {
         ThrowFileError("cannot write " + path, errno);

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -26,9 +27,12 @@
 namespace {
 
 /// Where a thread can be stopped.
-enum class Step { BeforeLock, BehindLink, BeforeRename, BehindRename, BeforeUnlink };
+enum class Step { BeforeLock, BehindLink, BeforeRename, BehindRename, BeforeUnlink, AtAttribute };
 
 thread_local std::function<void(Step)> stepHook;
+
+/// The file that gets an attribute at this step.
+thread_local int attributeDescriptor = -1;
 
 /// Called with the length of each pause in place of the pause, while it is set.
 thread_local std::function<void(std::chrono::nanoseconds)> pauseHook;
@@ -66,6 +70,14 @@ __attribute__((visibility("default"))) int rename(const char* from, const char* 
 __attribute__((visibility("default"))) int unlink(const char* path) noexcept {
     Reach(Step::BeforeUnlink);
     return unlinkat(AT_FDCWD, path, 0);
+}
+
+__attribute__((visibility("default"))) int fsetxattr(int descriptor, const char* name,
+                                                     const void* value, std::size_t size,
+                                                     int flags) noexcept {
+    attributeDescriptor = descriptor;
+    Reach(Step::AtAttribute);
+    return static_cast<int>(syscall(SYS_fsetxattr, descriptor, name, value, size, flags));
 }
 
 __attribute__((visibility("default"))) int nanosleep(const timespec* length, timespec* rest) {
@@ -206,6 +218,43 @@ protected:
     const std::string changedMeanwhile = file + " was changed by somebody else meanwhile";
     const std::string lockFile = file + ".tesauth-lock";
 };
+
+TEST_F(FileLockTest, PermissionsThatChangeWhileACommandWaitsAreKept) {
+    ASSERT_EQ(chmod(file.c_str(), 0644), 0);
+    bool isReached = false;
+    stepHook = [&](Step at) {
+        if (at == Step::BeforeLock && !isReached) {
+            isReached = true;
+            ASSERT_EQ(chmod(file.c_str(), 0600), 0);
+        }
+    };
+    EXPECT_EQ(Add("A\n")(), "");
+    EXPECT_EQ(scripted::Mode(file), 0600u);
+    EXPECT_EQ(scripted::Mode(backup), 0600u);
+}
+
+TEST_F(FileLockTest, NobodyGetsInBeforeTheAccessListIsThere) {
+    // user::rw- user:65534:rw- group::--- mask::rw- other::---
+    const std::string list("\2\0\0\0\1\0\6\0\377\377\377\377\2\0\6\0\376\377\0\0\4\0\0\0\377\377"
+                           "\377\377\20\0\6\0\377\377\377\377\40\0\0\0\377\377\377\377",
+                           44);
+    if (setxattr(file.c_str(), "system.posix_acl_access", list.data(), list.size(), 0) != 0) {
+        ASSERT_EQ(errno, ENOTSUP);
+        GTEST_SKIP() << "this file system has no access lists";
+    }
+    int seen = 0;
+    stepHook = [&](Step at) {
+        struct stat status = {};
+        if (at == Step::AtAttribute) {
+            ASSERT_EQ(fstat(attributeDescriptor, &status), 0);
+            EXPECT_EQ(status.st_mode & 07777, 0600u);
+            ++seen;
+        }
+    };
+    EXPECT_EQ(Add("A\n")(), "");
+    EXPECT_GE(seen, 2) << "the file and its backup";
+    EXPECT_EQ(scripted::Mode(file), 0660u) << "the list's mask";
+}
 
 TEST_F(FileLockTest, TheBackupOfTheFirstSurvivesTheSecond) {
     EXPECT_EQ(RunBoth(Add("A\n"), Step::BehindLink, Add("B\n")), changedMeanwhile);
