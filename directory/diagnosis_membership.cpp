@@ -53,15 +53,16 @@ struct Login {
     std::optional<Error> queryFailure; ///< why the domain did not tell the version
     std::optional<int> waitingVersion; ///< of a newer key that is taken instead of the account's
     bool takesFormerKey = false;       ///< when all of these are refused
+    std::optional<Error> otherKeysFailure; ///< why it is not known which other key is taken
 };
 
 /// Finds out which key a controller takes that refuses the account's: one that a change of keys has
 /// left for the services only, or the former one, when it has merely not heard of the latest.
+/// \param own what the account had in the keytab before it was refused
 void TryOtherKeys(Login& login, const Controller& controller, const DomainState& state,
-                  const Deadline& deadline) {
+                  const std::vector<KeyGeneration>& own, const Deadline& deadline) {
     try {
         const KerberosContext context(MakeKerberosContext(state.realm));
-        const auto own = ReadKeyGenerations(context.get(), {state.AccountPrincipal()});
         for (const KeyGeneration& each :
              ReadKeyGenerations(context.get(), state.KeytabPrincipals())) {
             if (!own.empty() && each.version > own.back().version &&
@@ -72,8 +73,8 @@ void TryOtherKeys(Login& login, const Controller& controller, const DomainState&
         }
         login.takesFormerKey =
             own.size() > 1 && AreAccepted(controller, state, own[own.size() - 2].keys, deadline);
-    } catch (const Error&) {
-        return; // that the account's key is refused is known all the same
+    } catch (const Error& error) {
+        login.otherKeysFailure = error;
     }
 }
 
@@ -83,14 +84,16 @@ Login LogInAt(const std::string& where, const DomainState& state, const Deadline
     Login login;
     std::optional<Controller> controller;
     std::optional<KerberosSession> kerberos;
+    std::vector<KeyGeneration> own;
     try {
         controller = LocateController(state.domain, {where}, deadline);
         kerberos.emplace(controller->realm, FinderFor(*controller, deadline), deadline);
+        own = ReadKeyGenerations(kerberos->Context(), {state.AccountPrincipal()});
         LogInAsMachine(*kerberos, state.account, std::string("FILE:") + hostKeytab);
     } catch (const Error& error) {
         login.failure = error;
         if (error.Code() == Status::MachineKeyRejected && controller)
-            TryOtherKeys(login, *controller, state, deadline);
+            TryOtherKeys(login, *controller, state, own, deadline);
         return login;
     }
     try {
@@ -176,7 +179,7 @@ Finding CompareKeys(const DomainState& state, const KeytabContent& content, int 
 
 Finding WaitingKeyFinding(const DomainState& state, const KeytabContent& content, int version) {
     return {keytabCheck, Severity::Warning,
-            "a change of keys was not finished: version " + std::to_string(version) +
+            "a change of keys is not finished everywhere: version " + std::to_string(version) +
                 " waits beside version " +
                 std::to_string(content.newest.at(state.AccountPrincipal())),
             finishChange};
@@ -240,14 +243,21 @@ Finding TrustFinding(const DomainState& state, const Error& error) {
 Finding CheckTrust(const DomainState& state, const Login& login) {
     if (login.waitingVersion)
         return {trustCheck, Severity::Warning,
-                state.domain + " takes this host's new key, which is not in force here yet",
+                state.domain + " takes another key of this host, which is not in force here yet",
                 finishChange};
     if (login.takesFormerKey)
         return {trustCheck, Severity::Warning,
                 "the controller is behind: it takes this host's former key, not yet the latest",
                 WaitOrJoin(state.domain)};
-    if (login.failure)
-        return TrustFinding(state, *login.failure);
+    if (login.failure) {
+        Finding finding = TrustFinding(state, *login.failure);
+        if (login.otherKeysFailure)
+            finding.text +=
+                std::string("; whether it takes another of the host's keys could not be "
+                            "asked: ") +
+                login.otherKeysFailure->what();
+        return finding;
+    }
     if (login.queryFailure)
         return {trustCheck, Severity::Warning,
                 state.domain + " takes this host's key, but does not let it ask: " +

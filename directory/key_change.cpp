@@ -68,11 +68,10 @@ void KeyChange::TakeBack() {
 }
 
 std::unique_ptr<KeytabReplacement> KeyChange::Finished(const std::vector<AccountKey>& newKeys,
-                                                       int newVersion,
-                                                       std::optional<std::uint32_t> since) {
+                                                       int newVersion) {
     const int below = std::min(newVersion, version_ + 1);
     auto keytab = std::unique_ptr<KeytabReplacement>(new KeytabReplacement(Kept(below)));
-    keytab->Add(principals_, newVersion, newKeys, since);
+    keytab->Add(principals_, newVersion, newKeys);
     AddWaiting(*keytab, newVersion + 1, Waiting(newKeys, below));
     return keytab;
 }
@@ -90,10 +89,14 @@ std::vector<KeyGeneration> KeyChange::Waiting(const std::vector<AccountKey>& tak
             std::none_of(all.begin(), firstWaiting,
                          [&](const KeyGeneration& old) { return SameKeys(old.keys, each->keys); }))
             waiting.push_back(std::move(*each));
-    // What was in force until now waits from now on, however long ago it came.
-    for (KeyGeneration& each : waiting)
-        if (each.version <= version_)
-            each.since = static_cast<std::uint32_t>(now_);
+    // What was in force until now waits from now on, however long ago it came; the newest of it is
+    // the one that tickets are made with.
+    const auto asked =
+        std::find_if(waiting.begin(), waiting.end(),
+                     [this](const KeyGeneration& each) { return each.version > version_; });
+    std::for_each(waiting.begin(), asked,
+                  [this](KeyGeneration& each) { each.since = static_cast<std::uint32_t>(now_); });
+    std::reverse(waiting.begin(), asked);
     // Of the same second the lower version is the later question's.
     std::stable_sort(waiting.begin(), waiting.end(),
                      [](const KeyGeneration& one, const KeyGeneration& other) {

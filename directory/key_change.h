@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -56,10 +55,8 @@ public:
     /// \param newVersion old keys that are not older leave the account's own name, and wait from
     /// now
     ///                   on: controllers that know of them may still use them
-    /// \param since      when the domain was asked to take the keys; just now, unless told
     std::unique_ptr<KeytabReplacement> Finished(const std::vector<AccountKey>& newKeys,
-                                                int newVersion,
-                                                std::optional<std::uint32_t> since = std::nullopt);
+                                                int newVersion);
 
     /// Whether a change that failed so may have been made, or may yet be.
     static bool MayStillHappen(const Error& error);

@@ -62,7 +62,7 @@ void Adopt(krb5_context context, const DomainState& state, const KeyGeneration& 
         (!present.keys.empty() && !SameKeys(present.keys, refused.keys)))
         return;
     const int before = refused.keys.empty() ? version - 1 : refused.version;
-    KeyChange(context, state, before).Finished(accepted.keys, version, accepted.since)->Commit();
+    KeyChange(context, state, before).Finished(accepted.keys, version)->Commit();
 }
 
 /// The version that services see on their tickets.

@@ -192,7 +192,6 @@ TEST_F(KeyChangeTest, ControllerMayHaveAQuestionInItsQueueWhenALaterOneIsAnswere
 
 TEST_F(KeyChangeTest, KeyThatTurnsOutToBeTheAccountsTakesItsPlace) {
     Change(0, 0);
-    const std::uint32_t asked = Now();
     KeyChange(context_, state_, 1).Stage(Keys('b'));
     timePassed += hour;
     KeyChange taken(context_, state_, 1);
@@ -200,13 +199,13 @@ TEST_F(KeyChangeTest, KeyThatTurnsOutToBeTheAccountsTakesItsPlace) {
     taken.Finished(Keys('d'), 2)->Commit();
     timePassed += 2 * week;
     // A controller that hung has made the first change on top of what it knew.
-    KeyChange(context_, state_, 0).Finished(Keys('b'), 2, asked)->Commit();
+    KeyChange(context_, state_, 0).Finished(Keys('b'), 2)->Commit();
     EXPECT_THAT(Letters(account), ElementsAre(Pair(2, 'b')));
     EXPECT_THAT(Letters(service), ElementsAre(Pair(2, 'b'), Pair(3, 'd')))
         << "controllers that have not heard of it use the other";
     for (const KeytabKey& key : ReadHostKeys(context_, {account})) {
         if (key.name.version == 2) {
-            EXPECT_EQ(key.name.time, asked) << "its age is what the next change goes by";
+            EXPECT_EQ(key.name.time, Now()) << "tickets are made with it from now on";
         }
     }
     KeyChange(context_, state_, 2).Stage(Keys('e'));
@@ -244,6 +243,16 @@ TEST_F(KeyChangeTest, ControllersThatKnowALaterKeyMayStillUseIt) {
     behind.Finished(Keys('c'), 2)->Commit();
     EXPECT_THAT(Letters(account), ElementsAre(Pair(2, 'c')));
     EXPECT_THAT(Letters(service), ElementsAre(Pair(2, 'c'), Pair(3, 'b')));
+}
+
+TEST_F(KeyChangeTest, OfTheKeysThatOthersMayUseTheLatestComesFirst) {
+    Change(0, 0);
+    KeyChange(context_, state_, 1).Finished(Keys('b'), 2)->Commit();
+    KeyChange(context_, state_, 2).Finished(Keys('c'), 3)->Commit();
+    KeyChange(context_, state_, 1).Finished(Keys('d'), 2)->Commit(); // it is behind by two
+    EXPECT_THAT(Letters(account), ElementsAre(Pair(1, 'a'), Pair(2, 'd')));
+    EXPECT_THAT(Letters(service),
+                ElementsAre(Pair(1, 'a'), Pair(2, 'd'), Pair(3, 'c'), Pair(4, 'b')));
 }
 
 TEST_F(KeyChangeTest, KeysThatWereMadeWithAWrongSaltDoNotStay) {
