@@ -34,6 +34,7 @@ public:
     ~AccountKeeper() override;
 
     DomainInfo Domain() override;
+    void ExpectHost(const std::string& hostName) const override { NamesOf(hostName); }
     NewAccount Create(const std::string& hostName, const std::string& container) override;
 
     /// Ends connections that nobody has used for a while.

@@ -60,6 +60,10 @@ public:
     /// \throws Refusal NoController, NoSuchDomain, Internal
     virtual DomainInfo Domain() = 0;
 
+    /// Asks nobody whether there are accounts for hosts of that name at all; Create() does so, too.
+    /// \throws Refusal NotAllowed, BadRequest
+    virtual void ExpectHost(const std::string& hostName) const = 0;
+
     /// Makes an account for a host, or gives one that was made for it earlier a new password, where
     /// that is allowed.
     /// \param hostName  fully qualified, in lower case, checked by the caller: it is a host's name,

@@ -63,6 +63,7 @@ public:
     }
 
     DomainInfo Domain() override { return keeper_.Domain(); }
+    void ExpectHost(const std::string& hostName) const override { keeper_.ExpectHost(hostName); }
     NewAccount Create(const std::string& hostName, const std::string& container) override {
         return keeper_.Create(hostName, container);
     }

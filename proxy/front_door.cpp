@@ -23,6 +23,7 @@ constexpr std::uint64_t wakeId = 1;
 constexpr std::uint64_t firstGuestId = 2;
 
 constexpr int acceptedPerTurn = 64;
+constexpr unsigned mostStrangers = 64; // connections of addresses that are only to be refused
 constexpr std::size_t eventsPerTurn = 256;
 /// How long there is no accepting while no descriptor is free and nobody can give way.
 constexpr std::chrono::milliseconds muteTime{100};
@@ -157,7 +158,7 @@ void FrontDoor::Admit(directory::UniqueFd socket, const Peer& peer) {
     const auto ofSite = perSite_.find(site);
     const unsigned own = ofSite == perSite_.end() ? 0 : ofSite->second;
     if (own >= settings_.connectionsPerAddress ||
-        (!isListed && unlisted_ >= std::max(1u, settings_.connections / 4)) ||
+        (!isListed && unlisted_ >= std::clamp(settings_.connections / 4, 1u, mostStrangers)) ||
         limits_.IsFlooding(peer.address, now))
         return nuisances_.Write(Nuisance::TooManyConnections, peer, "", now);
     if (guests_.size() >= settings_.connections && !MakeRoom())

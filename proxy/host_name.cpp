@@ -14,6 +14,13 @@ bool IsDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
+/// No domain at the top is a number; what ends in one is an address, or shall be taken for one. The
+/// C library takes hexadecimal numbers, too.
+bool IsNumber(std::string_view label) {
+    return std::all_of(label.begin(), label.end(), IsDigit) || label.starts_with("0x") ||
+           label.starts_with("0X");
+}
+
 bool IsLabel(std::string_view label) {
     return !label.empty() && label.size() <= longestLabel && label.front() != '-' &&
            label.back() != '-' && std::all_of(label.begin(), label.end(), [](char c) {
@@ -35,8 +42,7 @@ std::optional<std::string> NormalizeHostName(std::string_view text) {
             return std::nullopt;
         rest.remove_prefix(dot + 1);
     }
-    // No domain at the top is a number; what ends in one is an address, or shall be taken for one.
-    if (dots == 0 || !IsLabel(rest) || std::all_of(rest.begin(), rest.end(), IsDigit))
+    if (dots == 0 || !IsLabel(rest) || IsNumber(rest))
         return std::nullopt;
     return directory::LowerCase(text);
 }

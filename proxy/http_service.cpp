@@ -161,6 +161,7 @@ void HttpService::AnswerAccount(const Request& request, Response& response) {
         const auto name = NormalizeHostName(asked.hostName);
         if (!name)
             throw Refusal(Code::BadRequest, "that is not a fully qualified host name");
+        accounts_.ExpectHost(*name); // before name servers are asked that may be anybody's
         hostCheck_.Check(*name, PeerOf(request).address);
         const NewAccount account = accounts_.Create(*name, asked.container);
 

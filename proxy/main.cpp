@@ -31,6 +31,7 @@ constexpr std::chrono::seconds timeToEnd{10};
 struct CommandLine {
     std::string configuration = defaultConfiguration;
     std::string hostToRelease;
+    bool release = false;
     bool check = false;
 };
 
@@ -120,7 +121,7 @@ int Run(const CommandLine& line) {
     try {
         if (line.check)
             return Check(line.configuration);
-        if (!line.hostToRelease.empty())
+        if (line.release)
             return Release(line.configuration, line.hostToRelease);
         return Serve(line.configuration);
     } catch (const ConfigurationError& error) {
@@ -153,6 +154,7 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? succeeded : misused;
     }
+    line.release = release->parsed();
     openlog("tesauth-apxd", LOG_PID, LOG_DAEMON);
     return Run(line);
 }

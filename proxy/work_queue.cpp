@@ -44,11 +44,22 @@ bool WorkQueue::WaitUntilIdle(const directory::Deadline& deadline) {
                           [this] { return waiting_.empty() && running_.empty(); });
 }
 
+/// The oldest of those whose site has the fewest running: a few sites with long jobs don't keep the
+/// others waiting.
 std::deque<Job>::iterator WorkQueue::NextFor(bool quickOnly) {
-    return std::find_if(waiting_.begin(), waiting_.end(), [&](const Job& job) {
-        const auto place = running_.find(job.site);
-        return job.isQuick || (!quickOnly && (place == running_.end() || place->second < perSite_));
-    });
+    auto next = waiting_.end();
+    unsigned fewest = perSite_;
+    for (auto job = waiting_.begin(); job != waiting_.end(); ++job) {
+        if (job->isQuick)
+            return job;
+        const auto place = running_.find(job->site);
+        const unsigned running = place == running_.end() ? 0 : place->second;
+        if (!quickOnly && running < fewest) {
+            fewest = running;
+            next = job;
+        }
+    }
+    return next;
 }
 
 void WorkQueue::Work(bool quickOnly) {

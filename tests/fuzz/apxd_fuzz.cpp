@@ -118,7 +118,8 @@ bool ModelOfIsHostName(std::string name) {
                std::string::npos &&
            name.find("..") == std::string::npos && name.find(".-") == std::string::npos &&
            name.find("-.") == std::string::npos &&
-           last.find_first_not_of("0123456789.") != std::string::npos && [&] {
+           last.find_first_not_of("0123456789.") != std::string::npos &&
+           last.rfind(".0x", 0) != 0 && last.rfind(".0X", 0) != 0 && [&] {
                std::size_t longest = 0;
                for (std::size_t dot = 0; dot + 1 < name.size();) {
                    const std::size_t next = name.find('.', dot + 1);

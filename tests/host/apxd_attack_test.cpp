@@ -256,6 +256,29 @@ TEST_F(AttackTest, AnswersNoOldTls) {
     EXPECT_EQ(ServeHonestHost(), 201);
 }
 
+TEST_F(AttackTest, DoesNoCostlyKeyExchange) {
+    Start();
+    for (const char* groups : {"ffdhe2048", "ffdhe8192", "P-521", "X448"}) {
+        EXPECT_FALSE(Client(Port(), "127.0.0.1", 0, groups).IsUp()) << groups;
+    }
+    for (const char* groups : {"X25519", "P-256", "P-384"}) {
+        Client client(Port(), "127.0.0.1", 0, groups);
+        client.Send(GetRequest("/healthz"));
+        EXPECT_EQ(client.Receive().status, 200) << groups;
+    }
+}
+
+TEST_F(AttackTest, AsksNoNameServerAboutHostsThatItMakesNoAccountsFor) {
+    accounts_.foreignHost = "web1.elsewhere.example";
+    names_["web1.elsewhere.example"] = {"127.0.0.1"};
+    Start();
+    EXPECT_EQ(Ask(Port(), AccountRequestOf("web1.elsewhere.example")).Code(), "5");
+    EXPECT_EQ(looksUp_, 0);
+    EXPECT_EQ(ServeHonestHost(), 201);
+    EXPECT_EQ(looksUp_, 1);
+    ExpectNothingGivenBut({"honest.corp.example|"});
+}
+
 TEST_F(AttackTest, AnswersNothingThatIsNotTls) {
     Start();
     for (const std::string& text :

@@ -105,13 +105,15 @@ std::string Reply::Code() const {
     return body.substr(digits, body.find_first_not_of("0123456789", digits) - digits);
 }
 
-Client::Client(std::uint16_t port, const std::string& from, int version)
+Client::Client(std::uint16_t port, const std::string& from, int version, const char* groups)
     : socket_(ConnectFrom(from, port)), tls_(SSL_new(&Context())) {
     SSL_set_fd(tls_.get(), socket_.Get());
     if (version != 0) {
         SSL_set_max_proto_version(tls_.get(), version);
         SSL_set_cipher_list(tls_.get(), "ALL:@SECLEVEL=0");
     }
+    if (groups != nullptr)
+        SSL_set1_groups_list(tls_.get(), groups);
     ERR_clear_error();
     up_ = SSL_connect(tls_.get()) == 1;
     if (!up_) {

@@ -49,7 +49,9 @@ struct TlsDeleter {
 class Client {
 public:
     /// \param version the newest one that is offered; 0: any
-    explicit Client(std::uint16_t port, const std::string& from = "127.0.0.1", int version = 0);
+    /// \param groups  of the key exchange, all that are offered; null: the usual ones
+    explicit Client(std::uint16_t port, const std::string& from = "127.0.0.1", int version = 0,
+                    const char* groups = nullptr);
 
     bool IsUp() const { return up_; }
     const std::string& Failure() const { return failure_; }

@@ -18,6 +18,11 @@ DomainInfo ScriptedAccounts::Domain() {
     return {"CORP", "corp.example", "S-1-5-21-1-2-3"};
 }
 
+void ScriptedAccounts::ExpectHost(const std::string& host) const {
+    if (!foreignHost.empty() && host == foreignHost)
+        throw Refusal(tessary::proxy::Code::NotAllowed, "no accounts for such hosts");
+}
+
 NewAccount ScriptedAccounts::Create(const std::string& host, const std::string& container) {
     std::unique_lock lock(mutex_);
     asked_.push_back(host + "|" + container);
@@ -135,6 +140,7 @@ void ServerTest::Start() {
 }
 
 std::vector<IpAddress> ServerTest::LookUp(const std::string& host) const {
+    ++looksUp_;
     std::vector<IpAddress> addresses;
     const auto place = names_.find(host);
     if (place == names_.end())

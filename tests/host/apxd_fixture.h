@@ -22,6 +22,7 @@ public:
     static constexpr char password[] = "Abcdefghijklmnopqrstuvwxyz0123456789+-\"\\";
 
     tessary::proxy::DomainInfo Domain() override;
+    void ExpectHost(const std::string& host) const override;
     tessary::proxy::NewAccount Create(const std::string& host,
                                       const std::string& container) override;
 
@@ -35,6 +36,8 @@ public:
 
     /// Thrown by both, where there is one.
     std::unique_ptr<tessary::proxy::Refusal> refusal;
+    /// One that there are no accounts for.
+    std::string foreignHost;
 
 private:
     std::mutex mutex_;
@@ -93,6 +96,7 @@ protected:
     ScriptedAccounts accounts_;
     Lines log_;
     std::unique_ptr<tessary::proxy::Server> server_;
+    mutable std::atomic<int> looksUp_ = 0; ///< how often
 
 private:
     std::vector<tessary::proxy::IpAddress> LookUp(const std::string& host) const;

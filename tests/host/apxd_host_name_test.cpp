@@ -27,7 +27,9 @@ TEST(HostNameTest, HasLabelsOfUpTo63AndUpTo253InAll) {
 }
 
 TEST(HostNameTest, IsNothingElse) {
-    for (const char* text : {"",
+    for (const char* text : {"10.0x1",
+                             "a.0X0a",
+                             "",
                              ".",
                              "..",
                              "web1",

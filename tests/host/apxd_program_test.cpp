@@ -402,6 +402,7 @@ TEST_F(ProgramTest, SaysInItsCertificateWhoItIs) {
 
 TEST_F(ProgramTest, ReleasesOnlyHostsThatItKnows) {
     EXPECT_EQ(Apxd({"release", "not a host"}).status, 1);
+    EXPECT_EQ(Apxd({"release", ""}).status, 1) << "it must not serve";
     const Result result = Apxd({"release", "web1.corp.example"});
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.err, Not(IsEmpty()));

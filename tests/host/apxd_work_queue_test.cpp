@@ -51,6 +51,35 @@ TEST(WorkQueueTest, LetsOthersPassASiteThatHasEnoughRunning) {
     EXPECT_EQ(gate.waiting, 5);
 }
 
+TEST(WorkQueueTest, SitesWithNothingRunningGoFirst) {
+    WorkQueue queue(2, 2);
+    Gate held, first;
+    std::mutex mutex;
+    std::string order;
+    const auto note = [&](char who) {
+        return [&, who] {
+            const std::lock_guard lock(mutex);
+            order += who;
+        };
+    };
+    queue.Add({1, one, false, held.Job()});
+    queue.Add({2, other, false, first.Job()});
+    ASSERT_TRUE(held.HasWaiting(1));
+    ASSERT_TRUE(first.HasWaiting(1));
+    queue.Add({3, one, false, note('a')});
+    queue.Add({4, one, false, note('b')});
+    queue.Add({5, *IpAddress::Parse("192.0.2.3"), false, note('c')});
+    first.opening.set_value(); // its worker finds all three
+    const Deadline deadline = Deadline::In(patience);
+    for (std::size_t done = 0; done < 3 && !deadline.Passed();) {
+        const std::lock_guard lock(mutex);
+        done = order.size();
+    }
+    EXPECT_EQ(order, "cab");
+    held.opening.set_value();
+    EXPECT_TRUE(queue.WaitUntilIdle(Deadline::In(patience)));
+}
+
 TEST(WorkQueueTest, KeepsAThreadForQuickJobs) {
     WorkQueue queue(1, 2);
     Gate gate;
