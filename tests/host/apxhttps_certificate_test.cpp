@@ -153,7 +153,7 @@ TEST_F(Certificates, EveryExchangeIsChecked) {
 
 TEST_F(Certificates, AuthoritiesOfTheSystemAreNotNeeded) {
     std::filesystem::remove_all("/etc/ssl/certs");
-    std::filesystem::create_directory("/etc/ssl/certs");
+    std::filesystem::create_directories("/etc/ssl/certs");
     ExpectTrusted(AnyCertificate(), AnyCertificate().Thumbprint(), AnyCertificate().Pem());
 }
 
