@@ -38,7 +38,7 @@ std::size_t DescribeFailure(std::uint32_t status, char* buffer, std::size_t size
         const std::lock_guard lock(known.mutex);
         const auto found = known.byStatus.find(status);
         const std::string_view text =
-            found == known.byStatus.end() ? std::string_view() : found->second;
+            found == known.byStatus.end() ? std::string_view("") : found->second;
         if (size > 0) {
             const std::size_t copied = std::min(text.size(), size - 1);
             std::memcpy(buffer, text.data(), copied);
