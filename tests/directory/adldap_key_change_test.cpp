@@ -199,13 +199,14 @@ TEST_F(KeyChangeTest, KeyThatTurnsOutToBeTheAccountsTakesItsPlace) {
     taken.Finished(Keys('d'), 2)->Commit();
     timePassed += 2 * week;
     // A controller that hung has made the first change on top of what it knew.
+    const std::uint32_t before = Now();
     KeyChange(context_, state_, 0).Finished(Keys('b'), 2)->Commit();
     EXPECT_THAT(Letters(account), ElementsAre(Pair(2, 'b')));
     EXPECT_THAT(Letters(service), ElementsAre(Pair(2, 'b'), Pair(3, 'd')))
         << "controllers that have not heard of it use the other";
     for (const KeytabKey& key : ReadHostKeys(context_, {account})) {
         if (key.name.version == 2) {
-            EXPECT_EQ(key.name.time, Now()) << "tickets are made with it from now on";
+            EXPECT_GE(key.name.time, before) << "tickets are made with it from now on";
         }
     }
     KeyChange(context_, state_, 2).Stage(Keys('e'));
