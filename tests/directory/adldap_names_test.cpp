@@ -119,7 +119,8 @@ TEST(MachinePassword, IsEncodedQuotedInTwoBytesACharacter) {
     Secret password(2);
     password.Data()[0] = 'a';
     password.Data()[1] = '1';
-    EXPECT_EQ(EncodeUnicodePassword(password.View()).View(), std::string_view("\"\0a\0001\0\"\0", 8));
+    EXPECT_EQ(EncodeUnicodePassword(password.View()).View(),
+              std::string_view("\"\0a\0001\0\"\0", 8));
 }
 
 TEST(Sid, IsWrittenAsText) {

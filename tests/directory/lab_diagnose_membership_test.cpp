@@ -161,7 +161,8 @@ TEST_F(LabDiagnose, ChangeOfKeysThatWasNotFinished) {
     for (int i = 0; i < 2; ++i) { // looking does not finish it
         const Report report = Diagnose();
         EXPECT_THAT(report.Problems(), ElementsAre("warning keytab", "warning trust"));
-        EXPECT_THAT(report.Text("keytab"), HasSubstr("a change of keys is not finished everywhere"));
+        EXPECT_THAT(report.Text("keytab"),
+                    HasSubstr("a change of keys is not finished everywhere"));
         EXPECT_THAT(report.Text("trust"), HasSubstr("takes another key of this host"));
         EXPECT_THAT(report.Remedy("keytab"), HasSubstr("tesauthctl status"));
     }

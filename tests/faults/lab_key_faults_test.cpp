@@ -197,7 +197,7 @@ private:
 
 TEST_F(LabKeyRotation, OnlyTheControllerThatWasAskedMaySayNo) {
     if (Lab("DC1_ADDRESS6").empty())
-        GTEST_SKIP() << "there is no second address to ask another controller at";
+        GTEST_SKIP() << "this kernel has no IPv6, so the controller has only one address";
     const int before = VersionInDomain();
     std::optional<FirstAddressUnreachable> unreachable;
     atChange = [&](const auto&, int* result) {

@@ -81,7 +81,7 @@ TEST_F(FileChangeTest, AnAccessListOfTheFolderLetsNobodyIn) {
                            44);
     if (setxattr(folder, "system.posix_acl_default", list.data(), list.size(), 0) != 0) {
         ASSERT_EQ(errno, ENOTSUP);
-        GTEST_SKIP() << "this file system has no access lists";
+        GTEST_SKIP() << "this kernel has no access lists on the host's temporary file system";
     }
     ASSERT_EQ(chmod(file.c_str(), 0640), 0);
     Done(Add());

@@ -240,7 +240,7 @@ TEST_F(FileLockTest, NobodyGetsInBeforeTheAccessListIsThere) {
                            44);
     if (setxattr(file.c_str(), "system.posix_acl_access", list.data(), list.size(), 0) != 0) {
         ASSERT_EQ(errno, ENOTSUP);
-        GTEST_SKIP() << "this file system has no access lists";
+        GTEST_SKIP() << "this kernel has no access lists on the host's temporary file system";
     }
     int seen = 0;
     stepHook = [&](Step at) {
