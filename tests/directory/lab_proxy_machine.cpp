@@ -22,7 +22,7 @@ std::string AddressOf(const std::string& host) {
 }
 
 ProxyMachine::ProxyMachine(const std::string& host, const Words& clients,
-                           const std::string& settings)
+                           const std::string& settings, const std::string& network)
     : host_(host) {
     Lab({"fresh", host});
     address_ = AddressOf(host);
@@ -36,12 +36,15 @@ ProxyMachine::ProxyMachine(const std::string& host, const Words& clients,
                                        Setting("PROXY_ACCOUNT") + "\"\ncontainer = \"" +
                                        Setting("PROXY_CONTAINER") +
                                        "\"\nkeytab = \"/run/apxd.keytab\"\n"
-                                       "allowed_networks = [\"10.99.0.0/24\"]\n" +
-                                       settings);
+                                       "allowed_networks = [\"10.99.0.0/24\"" +
+                                       (network.empty() ? "" : ", " + network) + "]\n" + settings);
     EXPECT_EQ(written.status, 0) << written.err;
-    const Result copied =
-        On({"install", "-m", "0600", Setting("PROXY_KEYTAB"), "/run/apxd.keytab"});
-    EXPECT_EQ(copied.status, 0) << copied.err;
+    // As a user of its own, who sees nothing of what is only root's.
+    const Result prepared = On({"sh", "-ec",
+                                "install -o nobody -m 0600 " + Setting("PROXY_KEYTAB") +
+                                    " /run/apxd.keytab; install -d -o nobody -m 0700 " +
+                                    stateFolder + "; install -d -m 0700 /var/lib/tessary"});
+    EXPECT_EQ(prepared.status, 0) << prepared.err;
     Start();
 }
 
@@ -51,7 +54,8 @@ ProxyMachine::~ProxyMachine() {
 
 void ProxyMachine::Start() {
     const Result started = On({"bash", "-c", R"(
-        setsid sh -c 'echo $$ >/run/apxd.pid && exec tesauth-apxd' </dev/null \
+        setsid sh -c 'echo $$ >/run/apxd.pid
+            exec setpriv --reuid nobody --regid nogroup --clear-groups tesauth-apxd' </dev/null \
             >/run/apxd.out 2>/run/apxd.err &
         for try in {1..500}; do
             (exec 3<>/dev/tcp/127.0.0.1/8447) 2>/dev/null && exit 0
@@ -95,6 +99,12 @@ std::size_t ProxyMachine::Descriptors() const {
 
 std::size_t ProxyMachine::Threads() const {
     return std::stoul(On({"sh", "-c", "ls /proc/$(cat /run/apxd.pid)/task | wc -l"}).out);
+}
+
+long ProxyMachine::PeakMemory() const {
+    const Result peak = On(
+        {"sh", "-c", "awk '/VmHWM/ { print int($2 / 1024) }' /proc/$(cat /run/apxd.pid)/status"});
+    return std::stol(peak.out);
 }
 
 void MakeClient(const std::string& host) {

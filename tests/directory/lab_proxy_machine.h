@@ -7,14 +7,15 @@
 /// The authentication proxy on a machine of the lab of its own.
 namespace lab {
 
-/// `tesauth-apxd` on one host, for others; ends when the object does.
+/// `tesauth-apxd` on one host, for others, run by the user nobody; ends when the object does.
 class ProxyMachine {
 public:
     /// Starts it on `host`, which is made anew, and waits until it serves. It knows the names of
     /// the hosts in `clients`, and answers all of the lab's network.
     /// \param settings more lines of its configuration
+    /// \param network  another one that it answers, as the configuration has it
     explicit ProxyMachine(const std::string& host, const Words& clients,
-                          const std::string& settings = "");
+                          const std::string& settings = "", const std::string& network = "");
     ~ProxyMachine();
     ProxyMachine(const ProxyMachine&) = delete;
     ProxyMachine& operator=(const ProxyMachine&) = delete;
@@ -37,6 +38,8 @@ public:
     /// How many descriptors and threads it has.
     std::size_t Descriptors() const;
     std::size_t Threads() const;
+    /// The most memory that it has had, in mebibytes.
+    long PeakMemory() const;
 
 private:
     std::string host_;
