@@ -89,7 +89,10 @@ Login LogInAt(const std::string& where, const DomainState& state, const Deadline
         controller = LocateController(state.domain, {where}, deadline);
         kerberos.emplace(controller->realm, FinderFor(*controller, deadline), deadline);
         own = ReadKeyGenerations(kerberos->Context(), {state.AccountPrincipal()});
-        LogInAsMachine(*kerberos, state.account, std::string("FILE:") + hostKeytab);
+        if (own.empty()) // this tells why
+            LogInAsMachine(*kerberos, state.account, std::string("FILE:") + hostKeytab);
+        else
+            LogInWithKeys(*kerberos, state, own.back().keys);
     } catch (const Error& error) {
         login.failure = error;
         if (error.Code() == Status::MachineKeyRejected && controller)

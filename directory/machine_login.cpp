@@ -23,20 +23,20 @@ void LogInAsMachine(KerberosSession& kerberos, const std::string& account,
     }
 }
 
-namespace {
-
-void LogInWith(KerberosSession& kerberos, const DomainState& state,
-               const std::vector<AccountKey>& keys) {
+void LogInWithKeys(KerberosSession& kerberos, const DomainState& state,
+                   const std::vector<AccountKey>& keys) {
     KeytabInMemory keytab(kerberos.Context());
     keytab.Add({state.AccountPrincipal()}, 1, keys);
     LogInAsMachine(kerberos, state.account, keytab.Name());
 }
 
+namespace {
+
 /// Whether these keys get an initial ticket.
 bool LogsIn(KerberosSession& kerberos, const DomainState& state,
             const std::vector<AccountKey>& keys) {
     try {
-        LogInWith(kerberos, state, keys);
+        LogInWithKeys(kerberos, state, keys);
         return true;
     } catch (const Error& error) {
         if (error.Code() != Status::MachineKeyRejected)
@@ -100,8 +100,7 @@ void LogInAsHost(KerberosSession& kerberos, const DomainState& state, const Stat
     try {
         if (own.keys.empty()) // this tells why
             return LogInAsMachine(kerberos, state.account, std::string("FILE:") + hostKeytab);
-        // Not with the file, which may have a newer key by now: what comes next goes by this one.
-        return LogInWith(kerberos, state, own.keys);
+        return LogInWithKeys(kerberos, state, own.keys);
     } catch (const Error& error) {
         if (error.Code() != Status::MachineKeyRejected)
             throw;

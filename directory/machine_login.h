@@ -19,6 +19,11 @@ namespace tessary::directory {
 void LogInAsMachine(KerberosSession& kerberos, const std::string& account,
                     const std::string& keytab, const char* service = nullptr);
 
+/// The same with keys that were read before. What is to go by them does not use the file, which may
+/// have newer ones by now.
+void LogInWithKeys(KerberosSession& kerberos, const DomainState& state,
+                   const std::vector<AccountKey>& keys);
+
 /// The same with the host's keytab. Where the controller does not accept the account's key, the
 /// newer ones are tried that a change of keys has left there (see KeyChange); one that is right
 /// becomes that of the account and its services, under the version that the domain has given it.

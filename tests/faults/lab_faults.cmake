@@ -22,7 +22,8 @@ target_compile_definitions(lab_exit PRIVATE
 add_dependencies(lab_exit lab_exit_program)
 
 tesauth_lab_test(lab_key_rotation
-  SOURCES lab_key_rotation_test.cpp lab_key_faults_test.cpp lab_key_rotation_hooks.cpp
+  SOURCES lab_key_rotation_test.cpp lab_key_faults_test.cpp lab_key_versions_test.cpp
+          lab_key_rotation_hooks.cpp
   LIBRARIES tesauth_directory
   IN host1)
 # The library under test calls this binary's version of some functions.
