@@ -133,7 +133,7 @@ Finding AddressFinding(const OwnName& name, const Remedies& remedies) {
     const std::string& full = name.Full();
     Resolver resolver(Deadline::In(lookupTime));
     const HostAddresses& lookup = resolver.LookUp(full);
-    if (lookup.failure)
+    if (lookup.addresses.empty() && lookup.failure)
         return {check, Severity::Failure,
                 full + " could not be looked up: " + lookup.failure->what(),
                 "mend what is said of the name servers"};

@@ -184,7 +184,8 @@ std::vector<ControllerReport> ProbeControllers(const std::vector<NamedController
         ControllerReport& report = reports.emplace_back();
         report.host = controller.host;
         report.origin = controller.origin;
-        report.lookupFailure = controller.lookup.failure;
+        if (controller.lookup.addresses.empty())
+            report.lookupFailure = controller.lookup.failure;
         for (const SocketAddress& address : controller.lookup.addresses)
             report.addresses.push_back({address, {}, {}});
     }

@@ -216,7 +216,7 @@ const HostAddresses& Resolver::LookUp(const std::string& host) {
         QueryAddresses(host, type);
         told = told && IsTold();
     }
-    if (result.addresses.empty() && !told)
+    if (!told)
         result.failure = Error(Status::NoController,
                                silent_ ? "no name server answers" : "no name server can tell");
     return result;

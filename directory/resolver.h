@@ -42,7 +42,7 @@ struct ServiceRecord {
 /// What became of the look-up of a host.
 struct HostAddresses {
     std::vector<SocketAddress> addresses; ///< port 0; empty when there is none, or none was told
-    std::optional<Error> failure;         ///< why no name server told whether there is one
+    std::optional<Error> failure;         ///< why no name server told whether there are more
 };
 
 /// Asks the name servers of the host's current resolver configuration. Gives up after 6 to 10

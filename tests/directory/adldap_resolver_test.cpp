@@ -1,5 +1,7 @@
 // Name servers that don't answer, on a private host whose name server the test is.
 
+#include "directory/diagnosis_host.h"
+#include "directory/diagnosis_probe.h"
 #include "directory/error.h"
 #include "directory/resolver.h"
 
@@ -40,8 +42,9 @@ public:
         return count;
     }
 
-    /// Gives a question that has come, or comes within a moment, an answer with no record in it.
-    void AnswerOne(int code) {
+    /// Gives a question that has come, or comes within a moment, an answer with no record in it, or
+    /// one for an IPv4 address where there is one to tell.
+    void AnswerOne(int code, bool knowsIpv4) {
         pollfd wanted{socket_.Get(), POLLIN, 0};
         if (poll(&wanted, 1, 10) != 1)
             return;
@@ -53,8 +56,17 @@ public:
         if (got < HFIXEDSZ)
             return;
         message[2] |= 0x80; // the question is its own answer
-        message[3] = static_cast<unsigned char>(code);
-        sendto(socket_.Get(), message, static_cast<std::size_t>(got), 0, to, length);
+        std::string answer(reinterpret_cast<const char*>(message), static_cast<std::size_t>(got));
+        const std::size_t type = answer.find('\0', HFIXEDSZ) + 1;
+        if (knowsIpv4 && answer.at(type + 1) == ns_t_a) {
+            answer.resize(type + 4);
+            answer.replace(6, 6, {'\0', '\1', '\0', '\0', '\0', '\0'}); // one record
+            answer += {'\xc0', HFIXEDSZ, '\0', ns_t_a, '\0', ns_c_in, '\0', '\0',
+                       '\0',   '\0',     '\0', '\4',   127,  '\0',    '\0', '\1'};
+        } else {
+            answer.at(3) = static_cast<char>(code);
+        }
+        sendto(socket_.Get(), answer.data(), answer.size(), 0, to, length);
     }
 
 private:
@@ -62,10 +74,12 @@ private:
     bool bound_ = false;
 };
 
-/// A name server that gives every question the same answer: a code, and no record.
+/// A name server that gives every question the same answer: a code, and no record. It may know
+/// 127.0.0.1 for each host.
 class CurtNameServer {
 public:
-    explicit CurtNameServer(int code) : thread_([this, code] { Serve(code); }) {}
+    explicit CurtNameServer(int code, bool knowsIpv4 = false)
+        : thread_([this, code, knowsIpv4] { Serve(code, knowsIpv4); }) {}
     ~CurtNameServer() {
         end_ = true;
         thread_.join();
@@ -74,9 +88,9 @@ public:
     bool IsBound() const { return server_.IsBound(); }
 
 private:
-    void Serve(int code) {
+    void Serve(int code, bool knowsIpv4) {
         while (!end_)
-            server_.AnswerOne(code);
+            server_.AnswerOne(code, knowsIpv4);
     }
 
     SilentNameServer server_;
@@ -110,6 +124,25 @@ TEST(Resolver, TellsAHostWithoutAddressFromOneThatCouldNotBeLookedUp) {
     SilentNameServer server;
     ASSERT_TRUE(server.IsBound());
     EXPECT_EQ(FailureOf("dc1.corp.example"), "no name server answers");
+}
+
+TEST(Resolver, TellsAnAddressAndThatThereMayBeMore) {
+    for (const int code : {ns_r_noerror, ns_r_servfail}) {
+        CurtNameServer server(code, true);
+        ASSERT_TRUE(server.IsBound());
+        Resolver resolver(Deadline::In(std::chrono::seconds(20)));
+        const HostAddresses& lookup = resolver.LookUp("web1.corp.example");
+        ASSERT_EQ(lookup.addresses.size(), 1u);
+        EXPECT_EQ(lookup.addresses.front().Text(), "127.0.0.1");
+        EXPECT_EQ(lookup.failure.has_value(), code == ns_r_servfail);
+        // An address is enough for a diagnosis.
+        sethostname("web1.corp.example", 17);
+        const Finding finding = CheckHostName("corp.example", std::nullopt,
+                                              [] { return std::vector<SocketAddress>(); });
+        EXPECT_EQ(finding.severity, Severity::Ok) << finding.text;
+        const auto reports = ProbeControllers({{"web1.corp.example", lookup, {}}});
+        EXPECT_FALSE(reports.at(0).lookupFailure);
+    }
 }
 
 TEST(Resolver, AsksSilentServersNothingMore) {
