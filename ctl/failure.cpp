@@ -100,7 +100,7 @@ const Hint hints[] = {
     {Is<auth::ConnectionRefusedException>,
      "the domain controller's host answers, its directory service does not: is it running?",
      nullptr,
-     "is tesauth-apxd running there, on port 8447 unless told otherwise? if so, look at the domain "
+     "is tesauth-apxd running there, on port 8447? if so, look at the domain "
      "controllers"},
     {Is<auth::ConnectionInvalidException>, "check the network and any firewall on the way", nullptr,
      "is this the address of an authentication proxy, on its port? its log may say why it hung up"},
@@ -145,8 +145,7 @@ const Hint hints[] = {
     {Is<auth::InvalidVerifyAPXCertificateOptionException>,
      "set it to 1, or to 0 to verify nothing: tesauthctl option set "
      "UserVars.ActiveDirectoryVerifyAPXCertificate 1; where that fails, `tesauthctl diagnose` "
-     "tells "
-     "why"},
+     "tells why"},
     {Is<auth::InvalidCertificateException>,
      "convert it first, as: openssl x509 -inform DER -in FILE -out proxy.pem"},
     {Is<auth::InvalidIPAddressException>, "write the proxy's IPv4 address, as 192.0.2.7"},

@@ -1,6 +1,7 @@
 #include "verbs.h"
 
 #include "certificate.h"
+#include "failure.h"
 #include "file_snapshot.h"
 #include "host_store.h"
 #include "output.h"
@@ -42,7 +43,14 @@ Answer ShowProxyDomain(const Arguments& arguments) {
 }
 
 Answer ImportCertificate(const Arguments& arguments) {
-    const std::string pem = ReadFile(arguments.file.file).content;
+    const std::string& file = arguments.file.file;
+    const std::string pem = ReadFile(file).content;
+    if (pem.find("PRIVATE KEY-----") != std::string::npos) {
+        throw HintedError(file + " has a private key in it",
+                          "leave the key with the proxy and import the certificate alone: openssl "
+                          "x509 -in " +
+                              file + " -out proxy.pem");
+    }
     HostStore store(queryWaitSeconds);
     store.ImportCertificateForAPX(pem);
     return DescribeTrusted(auth::ActiveDirectoryConfigStore().GetThumbprint(), pem);

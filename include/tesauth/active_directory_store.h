@@ -113,8 +113,9 @@ public:
                            bool skipHostnameCheck);
 
     /// The DNS name of the domain that a proxy serves, asked for without verifying its certificate.
-    /// Throws InvalidIPAddressException, InvalidAPXProxyProviderException, the proxy's failures
-    /// and, when the client plug-in cannot be opened, IOError.
+    /// Throws InvalidIPAddressException, InvalidAPXProxyProviderException, ConfigurationError or
+    /// InvalidKeyException when the settings are malformed, the proxy's failures, std::logic_error
+    /// as APXProxy does and, when the client plug-in cannot be opened, IOError.
     std::string GetDomainForAPXService(const std::string& serverAddress);
 
     /// Makes a PEM certificate the one that this host trusts its proxy by. Throws

@@ -5,19 +5,21 @@
 
 #include <mutex>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <syslog.h>
 
 namespace tessary::apxhttps {
 namespace {
 
 void WarnOnce(const std::string& url) {
-    static std::once_flag warned;
-    std::call_once(warned, [&url] {
+    static std::mutex mutex;
+    static auto& warned = *new std::set<std::string>; // never destroyed: threads may outlive main()
+    const std::lock_guard lock(mutex);
+    if (warned.insert(url).second)
         syslog(LOG_WARNING,
                "The certificate of the authentication proxy %s is not verified: whoever answers "
                "is taken for it.",
                url.c_str());
-    });
 }
 
 Answer Ask(const Proxy& proxy, const char* path, std::optional<std::string> body,

@@ -12,7 +12,7 @@ namespace tessary::apxhttps {
 /// A proxy and what is trusted of it.
 struct Proxy {
     std::string address;           ///< "host", "host:port", "[v6]" or "[v6]:port"
-    bool verifyCertificate = true; ///< if not, the log says so, once a process
+    bool verifyCertificate = true; ///< if not, the log says so, once
     std::string thumbprint;        ///< as CertificateCheck takes it
     std::string certificate;       ///< as CertificateCheck takes it
 };

@@ -29,8 +29,14 @@ void RememberFailure(const Failure& failure) noexcept {
         latest.status = failure.Code();
         latest.reason.swap(reason);
     } catch (const std::exception&) {
-        // Then there is nothing more to tell.
+        ForgetFailure();
     }
+}
+
+void ForgetFailure() noexcept {
+    Latest& latest = TheLatest();
+    const std::lock_guard lock(latest.mutex);
+    latest.status = Status::Success;
 }
 
 std::size_t DescribeFailure(std::uint32_t status, char* buffer, std::size_t size) noexcept {

@@ -22,8 +22,10 @@ std::uint32_t Run(Function function) noexcept {
             RememberFailure(failure);
             return failure.Code();
         } catch (const std::bad_alloc&) {
+            ForgetFailure();
             return Status::OutOfMemory;
         } catch (...) {
+            ForgetFailure();
             return Status::InternalError;
         }
     };

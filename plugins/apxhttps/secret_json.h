@@ -19,7 +19,8 @@ using SecretJson = nlohmann::basic_json<std::map, std::vector, SecretString, boo
                                         std::uint64_t, double, CleansingAllocator>;
 
 /// A character that overwrites itself. The reader keeps the token that it is at in a vector of the
-/// input's characters; of these it leaves nothing behind, however the vector grows.
+/// input's characters; of these it leaves nothing behind, however the vector grows. Only where the
+/// text is no JSON does it put the token at fault into a message, which stays in freed memory.
 class SecretChar {
 public:
     SecretChar() = default;

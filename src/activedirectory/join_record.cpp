@@ -15,7 +15,7 @@ namespace {
 void UndoJoin(const ActiveDirectoryProvider& provider) {
     try {
         provider.PartDomain();
-    } catch (const Exception&) {
+    } catch (...) {
         return;
     }
 }

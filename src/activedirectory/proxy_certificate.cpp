@@ -37,15 +37,15 @@ int NoPassword(char*, int, int, void*) {
     return -1;
 }
 
-/// The certificate in a PEM text, or null.
+/// The certificate in a PEM text, or null. The text ends at a NUL: what verifies the proxy gets it
+/// as a C string, and must not see less than what was looked at here.
 std::unique_ptr<X509, OpenSSLDeleter> ParsePem(const std::string& text) {
-    if (text.size() > INT_MAX) {
+    const std::unique_ptr<BIO, OpenSSLDeleter> bio(BIO_new(BIO_s_mem()));
+    if (text.size() > INT_MAX || bio == nullptr || BIO_puts(bio.get(), text.c_str()) < 0) {
         return nullptr;
     }
-    const std::unique_ptr<BIO, OpenSSLDeleter> bio(
-        BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
     return std::unique_ptr<X509, OpenSSLDeleter>(
-        bio != nullptr ? PEM_read_bio_X509(bio.get(), nullptr, NoPassword, nullptr) : nullptr);
+        PEM_read_bio_X509(bio.get(), nullptr, NoPassword, nullptr));
 }
 
 /// The SHA-1 digest of a PEM certificate: upper-case hexadecimal pairs with ":" between them.

@@ -1,6 +1,7 @@
 // Proxies that break off, hang or cannot be reached.
 
 #include "apxhttps_proxy_fixture.h"
+#include "run.h"
 
 #include <fstream>
 
@@ -133,6 +134,20 @@ TEST(Failures, UnansweredConnectionTimesOut) {
 TEST(Failures, NoRouteIsAnInvalidConnection) {
     EXPECT_EQ(DomainStatus(Trusting("192.0.2.1")), invalidConnection);
     EXPECT_EQ(DomainStatus(Trusting("[2001:db8::1]")), invalidConnection);
+}
+
+TEST(Failures, FailureWithoutAReasonHasNotTheOneBefore) {
+    using tessary::apxhttps::DescribeFailure, tessary::apxhttps::Failure, tessary::apxhttps::Status;
+    const auto run = [](auto function) { return tessary::apxhttps::Run(function); };
+    const auto reason = [](std::uint32_t status) { return DescribeFailure(status, nullptr, 0); };
+    EXPECT_EQ(run([] { throw Failure(Status::OutOfMemory, "out of memory"); }), 8u);
+    EXPECT_GT(reason(8), 0u);
+    EXPECT_EQ(run([] { throw std::bad_alloc(); }), 8u);
+    EXPECT_EQ(reason(8), 0u);
+    EXPECT_EQ(run([] { throw Failure(Status::InternalError, "garbled"); }), internalError);
+    EXPECT_GT(reason(internalError), 0u);
+    EXPECT_EQ(run([] { throw std::exception(); }), internalError);
+    EXPECT_EQ(reason(internalError), 0u);
 }
 
 TEST(Failures, UnknownNameIsAnInvalidConnection) {

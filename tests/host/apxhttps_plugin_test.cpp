@@ -32,9 +32,10 @@ protected:
                                           certificate_.c_str(), &texts_[0], &texts_[1], &texts_[2]);
     }
 
-    std::uint32_t Account(const std::string& address, const char* hostName, const char* container) {
+    std::uint32_t Account(const std::string& address, const char* hostName, const char* container,
+                          const char* certificate = nullptr) {
         return operations_->createMachineAccount(address.c_str(), hostName, container, true,
-                                                 thumbprint_.c_str(), nullptr, &texts_[0],
+                                                 thumbprint_.c_str(), certificate, &texts_[0],
                                                  &texts_[1]);
     }
 
@@ -153,6 +154,18 @@ TEST_F(Plugin, TellsThatACertificateIsNotValidToday) {
         EXPECT_EQ(Domain(server.Address()), untrusted);
         EXPECT_EQ(Reason(untrusted), reason);
     }
+}
+
+TEST_F(Plugin, AsksForAnAccountOnlyWhoeverHasTheTrustedCertificate) {
+    ScriptedProxyServer server(AnyCertificate(), {HttpAnswer(201, accountBody)});
+    ASSERT_EQ(Account(server.Address(), "web1", nullptr, certificate_.c_str()), success);
+    Take(0);
+    Take(1);
+    // Another one with the same thumbprint, if somebody could make it.
+    EXPECT_EQ(Account(server.Address(), "web1", nullptr, ServerCertificate().Pem().c_str()),
+              untrusted);
+    EXPECT_THAT(server.Requests(), SizeIs(1));
+    ExpectUntouched();
 }
 
 TEST_F(Plugin, HasAReservedEntryThatMayBeCalled) {

@@ -24,6 +24,7 @@ foreach(name ctl_usage_test ctl_status_test ctl_directory_test ctl_membership_te
              ctl_file_change_test)
   tesauth_host_test(${name} SOURCES ${name}.cpp LIBRARIES tesauth_ctl_test_host)
 endforeach()
+target_link_libraries(ctl_proxy_test PRIVATE tesauth)
 
 # The command's editors by themselves, over more files than it could be run for.
 find_path(DTL_INCLUDE_DIR dtl/dtl.hpp REQUIRED)

@@ -1,6 +1,7 @@
 #include <filesystem>
 
 #include "ctl_host.h"
+#include "tesauth/config_store.h"
 
 namespace ctl_test {
 namespace {
@@ -268,7 +269,20 @@ TEST_F(ProxyTest, CertificateThatCannotBeImported) {
     ExpectFailure(Ctl({"proxy", "import-certificate", "/run"}), 1, "/run");
     ExpectFailure(Ctl({"proxy", "import-certificate", certificateFile}, {.asNobody = true}), 3,
                   "needs root");
+    Shell("cat /run/ctl-test-proxy.key >> " + std::string(certificateFile));
+    ExpectFailure(
+        Ctl({"proxy", "import-certificate", certificateFile}), 1,
+        "/run/ctl-test-proxy.pem has a private key in it\n"
+        "hint: leave the key with the proxy and import the certificate alone: openssl x509 "
+        "-in /run/ctl-test-proxy.pem -out proxy.pem\n");
     EXPECT_EQ(Ctl({"proxy", "show"}).out, "no proxy's certificate has been imported\n");
+}
+
+TEST_F(ProxyTest, StoredCertificateThatCannotBeRead) {
+    tessary::authentication::ActiveDirectoryConfigStore().StoreAuthProxyCertInfo("AB", "damaged");
+    ExpectFailure(Ctl({"proxy", "show"}), 1,
+                  "the stored certificate cannot be read\n"
+                  "hint: import it again: tesauthctl proxy import-certificate FILE\n");
 }
 
 } // namespace

@@ -1,4 +1,6 @@
+#include <dlfcn.h>
 #include <openssl/err.h>
+#include <openssl/x509.h>
 #include <sys/ioctl.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -14,6 +16,18 @@
 #include "tesauth/config_store.h"
 #include "tesauth/exceptions.h"
 #include "test_store.h"
+
+namespace {
+bool noDigest = false;
+}
+
+/// The library finds this before OpenSSL's.
+[[gnu::visibility("default")]] int X509_digest(const X509* data, const EVP_MD* type,
+                                               unsigned char* md, unsigned int* len) {
+    using Function = int(const X509*, const EVP_MD*, unsigned char*, unsigned int*);
+    static auto* const next = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, "X509_digest"));
+    return noDigest ? 0 : next(data, type, md, len);
+}
 
 namespace {
 
@@ -127,7 +141,18 @@ TEST_F(ProxyCertificateTest, OnlyPemIsTaken) {
     ExpectRefused(ReadFile(keyFile));
     ExpectRefused(damaged);
     ExpectRefused(pem.substr(0, pem.size() / 2));
-    ExpectRefused(std::string("\0", 1));
+    for (const std::string& nothing : {std::string("\0", 1), std::string("x\0", 2)}) {
+        ExpectRefused(nothing);
+        ExpectRefused(nothing + "\n" + pem); // whoever verifies with it would see as little
+    }
+}
+
+TEST_F(ProxyCertificateTest, DigestThatCannotBeHad) {
+    const std::string pem = ReadFile(certificateFile);
+    noDigest = true;
+    ExpectRefused(pem);
+    noDigest = false;
+    store.ImportCertificateForAPX(pem);
 }
 
 TEST_F(ProxyCertificateTest, EncryptedTextAsksNobodyForAPassword) {

@@ -175,6 +175,22 @@ TEST_F(ProxyJoinTest, HostNameHasToBeHadAndResolved) {
     ExpectNothingDone();
 }
 
+TEST_F(ProxyJoinTest, ResolverHasAKibibyteForItsAnswer) {
+    const auto hosts = [](std::size_t aliases) {
+        std::string line = "10.99.7.5 web1.corp.example web1";
+        for (std::size_t i = 0; i < aliases; ++i) {
+            line += " alias" + std::to_string(i) + ".of.this.host";
+        }
+        return line + "\n";
+    };
+    Name("web1", hosts(31)); // they take their texts and a pointer to each
+    Join();
+    EXPECT_EQ(Questions().front(), AccountQuestion("web1.corp.example", "(null)"));
+    Name("web1", hosts(36));
+    EXPECT_EQ(TextOf<InvalidHostNameException>([&] { Join(); }),
+              std::string("The current hostname is invalid: ") + hstrerror(NETDB_INTERNAL));
+}
+
 TEST_F(ProxyJoinTest, NamesGoWhereTheyBelong) {
     struct Row {
         const char *name, *hosts, *full, *shortName;
@@ -183,7 +199,7 @@ TEST_F(ProxyJoinTest, NamesGoWhereTheyBelong) {
         {"web1", "10.99.7.5 web1.corp.example web1\n", "web1.corp.example", "web1"},
         {"web1.corp.example", "10.99.7.5 web1.corp.example\n", "web1.corp.example", "web1"},
         {"web1", "10.99.7.5 web1\n", "web1", "web1"}, // what the resolver says
-        {"web1.a.b", "10.99.7.5 other.example web1.a.b\n", "other.example", "web1"},
+        {"web1.a.b", "10.99.7.5 web9.other.example web1.a.b\n", "web9.other.example", "web1"},
         {"Web1", "10.99.7.5 WEB1.Corp.Example Web1\n", "WEB1.Corp.Example", "Web1"},
     };
     for (const Row& row : table) {
@@ -192,7 +208,10 @@ TEST_F(ProxyJoinTest, NamesGoWhereTheyBelong) {
         Name(row.name, row.hosts);
         Join();
         EXPECT_EQ(Questions().front(), AccountQuestion(row.full, "(null)"));
-        EXPECT_EQ(Arguments("joinDomainWithMachineAccount")[4], row.shortName);
+        const Words arguments = Arguments("joinDomainWithMachineAccount");
+        EXPECT_EQ(arguments[4], row.shortName);
+        EXPECT_EQ(arguments[5], "corp.example") << "as the proxy says";
+        EXPECT_EQ(StoredDomain(), "corp.example");
     }
 }
 

@@ -82,6 +82,9 @@ TEST_F(APXThumbprintStoreTest, FailuresAreThoseOfTheSettingsFile) {
     faults::hooks.rename = [](const char*) { return EROFS; };
     EXPECT_THROW(store.ImportThumbprint(second, "10.0.0.1"), IOError);
     EXPECT_EQ(ReadFile(file), Line("10.0.0.1", first));
+    // Kept on purpose: the map has it all the same, so that the same again writes nothing.
+    EXPECT_EQ(store.LookupThumbprint("10.0.0.1"), second);
+    EXPECT_NO_THROW(store.ImportThumbprint(second, "10.0.0.1"));
 }
 
 } // namespace
