@@ -3,7 +3,6 @@
 #include "account_place.h"
 #include "account_refusals.h"
 #include "account_rules.h"
-#include "account_sweep.h"
 
 #include "directory/error.h"
 #include "directory/machine_account.h"
@@ -35,18 +34,14 @@ constexpr std::chrono::seconds requestTime{15};
 constexpr std::chrono::minutes pendingTime{1};
 constexpr std::chrono::minutes idleTime{1};
 
+constexpr char nameTaken[] = "the host's name is another one's already";
+
 std::string MakeMark() {
-    constexpr char digits[] = "0123456789abcdef";
-    unsigned char bytes[16];
+    std::string bytes(16, '\0');
     // So few bytes come at once or not at all.
-    if (getrandom(bytes, sizeof bytes, 0) != sizeof bytes)
+    if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()))
         directory::ThrowFileError(errno, "no random bytes");
-    std::string mark = "tesauth-apxd ";
-    for (const unsigned char byte : bytes) {
-        mark += digits[byte >> 4];
-        mark += digits[byte & 15];
-    }
-    return mark;
+    return markPrefix + HexOf(bytes);
 }
 
 directory::AccountMark MarkOf(const AccountRecord& record) {
@@ -56,11 +51,6 @@ directory::AccountMark MarkOf(const AccountRecord& record) {
 bool HasControlCharacters(const std::string& text) {
     return std::any_of(text.begin(), text.end(),
                        [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; });
-}
-
-bool EndsWith(const std::string& text, const std::string& end) {
-    return text.size() >= end.size() &&
-           text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
 /// For whoever asked: whose the account is, and why it stays so, is only for the log.
@@ -83,8 +73,8 @@ AccountFacts ReadMade(Session& session, const std::string& dn) {
 AccountKeeper::AccountKeeper(const AccountSettings& settings, Clock clock)
     : settings_(settings), clock_(std::move(clock)),
       domainName_(directory::NormalizeDomainName(settings.domain)),
-      records_(settings.stateDirectory), sessions_(domainName_, settings.account, settings.keytab) {
-}
+      records_(settings.stateDirectory), sessions_(domainName_, settings.account, settings.keytab),
+      sweep_(records_, locks_, sessions_, settings_, clock_) {}
 
 AccountKeeper::~AccountKeeper() {
     const Operation operation;
@@ -131,6 +121,9 @@ DomainInfo AccountKeeper::AskDomain() {
     AccountSessions::Lease session = sessions_.Take(deadline);
     return session.Ask(deadline, [](Session& asked) {
         directory::DomainIdentity identity = MachineAccounts(asked).Identify();
+        // A host that is told none cannot join, and the answer is kept.
+        if (identity.netbiosName.empty())
+            throw Error(Status::InternalError, asked.Where().host + " tells no NetBIOS name");
         return DomainInfo{std::move(identity.netbiosName), asked.Where().domain,
                           std::move(identity.sid)};
     });
@@ -138,7 +131,7 @@ DomainInfo AccountKeeper::AskDomain() {
 
 bool AccountKeeper::IsHostsDomain(const HostNames& names) const {
     const auto holds = [&](const std::string& domain) {
-        return EndsWith(names.fullName, "." + domain);
+        return names.fullName.ends_with("." + domain);
     };
     return holds(domainName_) ||
            std::any_of(settings_.hostDomains.begin(), settings_.hostDomains.end(), holds);
@@ -170,8 +163,7 @@ NewAccount AccountKeeper::Create(const std::string& hostName, const std::string&
         Request request{names, deadline, session, records_.Find(names.AccountName())};
         const Findings findings = Search(request, container);
         if (!findings.holder.empty())
-            throw Refusal(Code::NotAllowed, "the host's name is another one's already",
-                          findings.holder);
+            throw Refusal(Code::NotAllowed, nameTaken, findings.holder);
         return findings.account ? Reset(request, *findings.account) : Make(request, findings);
     });
 }
@@ -219,7 +211,9 @@ AccountRecord AccountKeeper::Intend(const Request& request, const AccountFacts* 
     record.used = used;
     record.started = SecondsOf(clock_());
     const std::optional<AccountRecord>& known = request.known;
-    const bool same = known && known->guid == guid;
+    // What was made, and whose answer never came, is known by its mark alone.
+    const bool same = known && (known->guid == guid ||
+                                (account && known->guid.empty() && IsDone(*account, *known)));
     if (same)
         record.passwordSet = known->passwordSet;
     // What was asked for and has not been done may still come to pass. What was done, and has been
@@ -237,19 +231,25 @@ AccountRecord AccountKeeper::Intend(const Request& request, const AccountFacts* 
 }
 
 /// The controller at hand does not know the account by its name. Where that is only because it has
-/// not heard of it yet, there must not be another one.
+/// not heard of it yet, there must not be another one; and one that has another name by now must
+/// not be forgotten while its password may still have to be ended.
 void AccountKeeper::ExpectGone(Request& request) {
     const std::optional<AccountRecord>& known = request.known;
-    if (!known || known->guid.empty() ||
-        clock_() - std::chrono::system_clock::from_time_t(known->started) > oblivion)
+    if (!known)
         return;
-    const auto isThere = [&](Session& session) {
-        return FindByGuid(session, known->guid).has_value();
-    };
-    if (request.session.OnSession(request.deadline, isThere))
-        return; // it has another name by now
-    const AccountSessions::Informed informed = sessions_.LogInAtFirstToKnow(request.deadline);
-    if (!informed.first || isThere(*informed.session))
+    const auto renamed = request.session.OnSession(request.deadline, [&](Session& session) {
+        return known->guid.empty() ? std::nullopt : FindByGuid(session, known->guid);
+    });
+    const bool settled =
+        known->state == AccountState::Taken || known->state == AccountState::Unclaimed;
+    if (renamed && !settled)
+        throw Refusal(Code::NotAllowed, NoNewPassword(known->account),
+                      "it has another name now: " + renamed->dn);
+    if (renamed || request.session.IsFirst())
+        return;
+    // Of what was only meant to be made nobody has a password.
+    const std::chrono::minutes time = known->guid.empty() ? settings_.unusedAfter : oblivion;
+    if (clock_() - std::chrono::system_clock::from_time_t(known->started) <= time)
         throw Refusal(Code::NoController, "the controller does not know the account yet",
                       request.session.Get().Where().host);
 }
@@ -269,13 +269,13 @@ NewAccount AccountKeeper::Make(Request& request, const Findings& findings) {
     } catch (const Error& error) {
         if (IsUnanswered(error))
             throw;
-        if (error.Code() == Status::InvalidComputerName)
-            throw Refusal(Code::NotAllowed, "the host's name is another one's already",
-                          error.what());
-        const auto there = request.session.OnSession(request.deadline, [&](Session& session) {
-            return FindByName(session, record.account);
+        // Somebody may have been faster.
+        const Findings now = request.session.OnSession(request.deadline, [&](Session& session) {
+            return SearchNames(session, request.names, findings.container);
         });
-        if (there && !IsOurs(*there, record))
+        if (error.Code() == Status::InvalidComputerName || !now.holder.empty())
+            throw Refusal(Code::NotAllowed, nameTaken, error.what());
+        if (now.account && !IsOurs(FactsOf(*now.account), record))
             throw Refusal(Code::NotAllowed, NoNewPassword(record.account),
                           std::string("somebody else has just made it: ") + error.what());
         throw;
@@ -283,7 +283,8 @@ NewAccount AccountKeeper::Make(Request& request, const Findings& findings) {
     try {
         return Give(request, record, *made, std::move(password));
     } catch (const std::exception&) {
-        Undo(request, *made);
+        if (made->mark == record.mark)
+            Undo(request, *made);
         throw;
     }
 }
@@ -305,7 +306,7 @@ void AccountKeeper::ExpectReset(Request& request, const AccountFacts& account) {
     const std::string what = "the account " + name + " ";
     const std::string own = request.session.OnSession(
         request.deadline, [&](Session& session) { return ContainerDn(session, ""); });
-    const AccountRules rules{own, settings_.resetAfter};
+    const AccountRules rules{own, settings_.resetAfter, settings_.unusedAfter};
     const std::optional<Objection> objection =
         WhyNotReset(account, request.known, request.names.fullName, rules, clock_());
     if (objection && objection->forHost)
@@ -336,7 +337,7 @@ NewAccount AccountKeeper::Reset(Request& request, const LdapEntry& account) {
             MachineAccounts(session).ResetMarked(target, request.names, password, MarkOf(record));
         } catch (const Error& error) {
             if (!IsUnanswered(error))
-                records_.Put(before, UnusedAt());
+                records_.Put(before, UnusedAt(before));
             throw;
         }
         return ReadMade(session, target.dn);
@@ -353,13 +354,13 @@ NewAccount AccountKeeper::Give(Request& request, AccountRecord record, const Acc
     record.passwordSet = account.passwordSet;
     record.state = AccountState::Given;
     record.started = SecondsOf(clock_());
-    records_.PutRenewed(record, UnusedAt());
+    records_.PutRenewed(record, UnusedAt(record));
     return {request.names.AccountName(), std::move(password)};
 }
 
 void AccountKeeper::Sweep(const std::stop_token& stop) {
     const Operation operation;
-    AccountSweep(records_, locks_, sessions_, settings_, clock_).Run(stop);
+    sweep_.Run(stop);
 }
 
 } // namespace tessary::proxy

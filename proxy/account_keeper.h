@@ -7,6 +7,7 @@
 #include "account_search.h"
 #include "account_service.h"
 #include "account_sessions.h"
+#include "account_sweep.h"
 #include "directory_accounts.h"
 
 #include <chrono>
@@ -20,7 +21,7 @@
 
 namespace tessary::proxy {
 
-/// Any number of threads may use one at once. It has no thread of its own.
+/// Any number of threads may use one at once, but for Sweep(). It has no thread of its own.
 class AccountKeeper : public AccountService {
 public:
     using Clock = std::function<AccountRecords::Time()>;
@@ -42,7 +43,8 @@ public:
 
     /// Looks at the accounts that it is time for: removes those that no host has taken over, and
     /// finds out what became of requests whose answer was lost. Whatever cannot be done now is left
-    /// for another time. Ends early, between two accounts, when it is asked to stop.
+    /// for another time. Ends early, between two accounts, when it is asked to stop. For one thread
+    /// at a time.
     void Sweep(const std::stop_token& stop = {});
 
 private:
@@ -67,7 +69,9 @@ private:
     AccountRecord Intend(const Request& request, const AccountFacts* account, bool used);
     NewAccount Give(Request& request, AccountRecord record, const AccountFacts& account,
                     directory::Secret password);
-    AccountRecords::Time UnusedAt() const { return clock_() + settings_.unusedAfter; }
+    AccountRecords::Time UnusedAt(const AccountRecord& record) const {
+        return std::chrono::system_clock::from_time_t(record.started) + settings_.unusedAfter;
+    }
 
     const AccountSettings settings_;
     const Clock clock_;
@@ -75,6 +79,7 @@ private:
     AccountRecords records_;
     AccountLocks locks_;
     AccountSessions sessions_;
+    AccountSweep sweep_;
 
     std::mutex domainMutex_;
     std::optional<DomainInfo> domain_;

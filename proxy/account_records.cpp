@@ -148,16 +148,24 @@ void AccountRecords::Remove(const std::string& account) {
     change.Bind(account).Run();
 }
 
-std::vector<AccountRecord> AccountRecords::Due(Time now) {
+std::vector<std::string> AccountRecords::Due(Time now) {
     const std::lock_guard lock(mutex_);
-    AccountStatement rows(database_,
-                          "SELECT " ACCOUNT_COLUMNS " FROM accounts WHERE due <= ? ORDER BY due",
+    AccountStatement rows(database_, "SELECT account FROM accounts WHERE due <= ? ORDER BY due",
                           "read the record of accounts");
     rows.Bind(Seconds(now));
-    std::vector<AccountRecord> due;
+    std::vector<std::string> due;
     while (rows.Step())
-        due.push_back(Row(rows));
+        due.push_back(rows.Text(0));
     return due;
+}
+
+std::optional<AccountRecord> AccountRecords::FindDue(const std::string& account, Time now) {
+    const std::lock_guard lock(mutex_);
+    AccountStatement row(database_,
+                         "SELECT " ACCOUNT_COLUMNS " FROM accounts WHERE account = ? AND due <= ?",
+                         "read the record of " + account);
+    row.Bind(account).Bind(Seconds(now));
+    return row.Step() ? std::optional(Row(row)) : std::nullopt;
 }
 
 bool AccountRecords::Release(const std::string& host) {

@@ -19,7 +19,8 @@ enum class AccountState : std::int64_t {
                    ///< password has been given to nobody
     Given = 1,     ///< its host has the password, and may have changed it
     Taken = 2,     ///< its host has changed the password
-    Unclaimed = 3, ///< no host changed the password in time, and the account could not be removed
+    Unclaimed = 3, ///< no host changed the password in time, and the account is not to be removed,
+                   ///< or cannot be
     Withdrawn = 4  ///< the proxy has disabled it, or is about to, and removes it next unless its
                    ///< host turns out to have changed the password
 };
@@ -34,7 +35,7 @@ struct AccountRecord {
     AccountState state = AccountState::Pending;
     bool used = false;        ///< a host has changed its password, be it an earlier one
     bool released = false;    ///< it may be given a new password once
-    std::int64_t started = 0; ///< when the present state began, in seconds since 1970
+    std::int64_t started = 0; ///< when it was asked for, given or settled, in seconds since 1970
 };
 
 /// A database in the state directory. Every change is on the disk when its function returns. Any
@@ -72,7 +73,9 @@ public:
     void Remove(const std::string& account);
 
     /// The accounts that it is time to look at, those that have waited longest first.
-    std::vector<AccountRecord> Due(Time now);
+    std::vector<std::string> Due(Time now);
+    /// What is known of an account that it is time to look at; nothing when it is not.
+    std::optional<AccountRecord> FindDue(const std::string& account, Time now);
 
     /// Lets the account of a host be given a new password once.
     /// \return false when there is none

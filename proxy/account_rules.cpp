@@ -30,13 +30,15 @@ constexpr std::int64_t sameTime = 2; // seconds
 constexpr std::int64_t requestSpan = 300; // seconds
 
 // Groups that every domain has, by their number in it: controllers of all kinds, administrators of
-// the domain, of the forest, of its schema, keys and policies.
-constexpr std::string_view elevatedNumbers[] = {"498", "512", "516", "518", "519",
+// the domain, of the forest, of its schema, keys and policies, and who publishes certificates for
+// others.
+constexpr std::string_view elevatedNumbers[] = {"498", "512", "516", "517", "518", "519",
                                                 "520", "521", "522", "526", "527"};
 // Those that are the same everywhere: administrators and operators of accounts, servers, printers
-// and backups, and whoever copies the directory.
+// and backups, whoever copies the directory, and whoever lets other forests in.
 constexpr std::string_view elevatedGroups[] = {"S-1-5-32-544", "S-1-5-32-548", "S-1-5-32-549",
-                                               "S-1-5-32-550", "S-1-5-32-551", "S-1-5-32-552"};
+                                               "S-1-5-32-550", "S-1-5-32-551", "S-1-5-32-552",
+                                               "S-1-5-32-557"};
 
 template <std::size_t size>
 bool IsAmong(const std::string_view (&list)[size], std::string_view text) {
@@ -58,6 +60,18 @@ bool IsComputer(const AccountFacts& account) {
 
 std::optional<std::string> If(bool holds, const char* reason) {
     return holds ? std::optional<std::string>(reason) : std::nullopt;
+}
+
+/// Why a host gets no second password while nobody has used the first one.
+std::string JustGiven(const AccountRecord& record, const AccountRules& rules,
+                      AccountRecords::Time now) {
+    const auto end = std::chrono::system_clock::from_time_t(record.started) + rules.unusedAfter;
+    const auto left = std::max<long>(std::chrono::ceil<std::chrono::minutes>(end - now).count(), 1);
+    return "was given to this host a moment ago: it is removed again in " + std::to_string(left) +
+           (left == 1 ? " minute" : " minutes") +
+           " unless the host takes it over, the host can ask again then, and an administrator of "
+           "the proxy can allow it at once with 'tesauth-apxd release " +
+           record.host + "'";
 }
 
 bool IsOldEnough(const AccountFacts& account, std::chrono::hours age, AccountRecords::Time now) {
@@ -138,6 +152,8 @@ std::optional<Objection> WhyNotReset(const AccountFacts& account,
     if (IsDone(account, *record) || account.IsDisabled() || record->released ||
         IsOldEnough(account, rules.resetAfter, now))
         return std::nullopt;
+    if (record->state == AccountState::Given && account.passwordSet == record->passwordSet)
+        return Objection{JustGiven(*record, rules, now), true};
     return Objection{"is there already, and is in use: an administrator of the proxy can let it be "
                      "given a new password with 'tesauth-apxd release " +
                          host + "'",

@@ -15,10 +15,14 @@ namespace tessary::proxy {
 /// how long it may take until all controllers know what one of them has done.
 inline constexpr std::chrono::hours oblivion{24};
 
+/// What the marks begin with that this proxy gives accounts; what follows tells one from the other.
+inline constexpr char markPrefix[] = "tesauth-apxd ";
+
 /// What an account is to be measured by.
 struct AccountRules {
-    std::string container;         ///< the place that the proxy may write to
-    std::chrono::hours resetAfter; ///< 0: no account by its age
+    std::string container;            ///< the place that the proxy may write to
+    std::chrono::hours resetAfter;    ///< 0: no account by its age
+    std::chrono::minutes unusedAfter; ///< what a host has not taken over by then is taken back
 };
 
 /// Why an account is not the proxy's business, whoever made it: it is no plain host's, or has

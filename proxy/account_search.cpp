@@ -57,16 +57,6 @@ std::string AccountsFilter(const HostNames& names) {
     return filter + ")";
 }
 
-std::string HexOf(const std::string& bytes) {
-    constexpr char digits[] = "0123456789abcdef";
-    std::string text;
-    for (const char c : bytes) {
-        text += digits[static_cast<unsigned char>(c) >> 4];
-        text += digits[static_cast<unsigned char>(c) & 15];
-    }
-    return text;
-}
-
 /// "20261121174850.0Z" in seconds since 1970; 0 when it is malformed.
 std::int64_t SecondsOf(const std::string& time) {
     std::tm parts{};
@@ -103,6 +93,16 @@ std::optional<std::int64_t> AccountFacts::PasswordSetAt() const {
     return passwordSet / unitsPerSecond - from1601To1970;
 }
 
+std::string HexOf(const std::string& bytes) {
+    constexpr char digits[] = "0123456789abcdef";
+    std::string text;
+    for (const char c : bytes) {
+        text += digits[static_cast<unsigned char>(c) >> 4];
+        text += digits[static_cast<unsigned char>(c) & 15];
+    }
+    return text;
+}
+
 AccountFacts FactsOf(const LdapEntry& account) {
     AccountFacts facts;
     facts.dn = account.dn;
@@ -134,8 +134,17 @@ Findings SearchNames(Session& session, const HostNames& names, const std::string
                          "(&(objectClass=crossRef)(|" + Equals("dnsRoot", names.fullName) +
                              Equals("nETBIOSName", names.account) + "))",
                          {"cn"});
+    const PendingSearch trusts =
+        ldap.StartSearch("CN=System," + where.baseDn, LDAP_SCOPE_ONELEVEL,
+                         "(&(objectClass=trustedDomain)(|" + Equals("flatName", names.account) +
+                             Equals("trustPartner", names.fullName) + "))",
+                         {"cn"});
+    const PendingSearch neighbours =
+        ldap.StartSearch(container, LDAP_SCOPE_ONELEVEL,
+                         "(&" + Equals("name", names.account) + "(!" +
+                             Equals("sAMAccountName", names.AccountName()) + "))",
+                         {"cn"});
 
-    // All of the answers are taken in before one of them is found wanting: the session goes on.
     Findings findings;
     for (LdapEntry& entry : ldap.FinishSearch(accounts, session.End())) {
         if (EqualNames(entry.Value("sAMAccountName"), names.AccountName()))
@@ -143,12 +152,12 @@ Findings SearchNames(Session& session, const HostNames& names, const std::string
         else
             findings.holder = entry.dn;
     }
-    for (const PendingSearch& search : {controllers, domains})
-        for (const LdapEntry& entry : ldap.FinishSearch(search, session.End()))
-            findings.holder = entry.dn;
     const LdapEntry found = ldap.FinishRead(place, session.End());
     ExpectPlaceForAccounts(found);
     findings.container = found.dn;
+    for (const PendingSearch& search : {controllers, domains, trusts, neighbours})
+        for (const LdapEntry& entry : ldap.FinishSearch(search, session.End()))
+            findings.holder = entry.dn;
     return findings;
 }
 
@@ -175,7 +184,7 @@ bool IsInElevatedGroup(Session& session, const AccountFacts& account) {
     const std::vector<std::string> groups =
         ldap.Read(account.UniqueDn(), {"tokenGroups"}, session.End()).Values("tokenGroups");
     if (groups.empty())
-        return true;
+        throw Error(Status::AccessDenied, "cannot read which groups " + account.dn + " is in");
     if (std::any_of(groups.begin(), groups.end(), [](const std::string& group) {
             return IsElevatedGroup(directory::SidText(group));
         }))

@@ -46,7 +46,8 @@ struct Findings {
 };
 
 /// Looks for everything that a host's names could be confused with: accounts with its names or
-/// services, domain controllers of the forest, domains of the forest.
+/// services, what else has its name in the container, domain controllers of the forest, domains of
+/// the forest and those that the domain has a trust with.
 /// \param container distinguished name of the place for a new account
 /// \throws directory::Error NoSuchContainer when that is not there, or no place for accounts
 Findings SearchNames(directory::Session& session, const directory::HostNames& names,
@@ -54,14 +55,16 @@ Findings SearchNames(directory::Session& session, const directory::HostNames& na
 
 AccountFacts FactsOf(const directory::LdapEntry& account);
 
+std::string HexOf(const std::string& bytes);
+
 /// An account, by its objectGUID in hexadecimal digits; nothing when there is none.
 std::optional<AccountFacts> FindByGuid(directory::Session& session, const std::string& guid);
 /// The same by its name.
 std::optional<AccountFacts> FindByName(directory::Session& session, const std::string& account);
 
 /// Whether an account is, directly or by way of other groups, a member of a group whose members are
-/// guarded as administrators, or of one of those that IsElevatedGroup() names. What cannot be told
-/// counts as true.
+/// guarded as administrators, or of one of those that IsElevatedGroup() names.
+/// \throws directory::Error also when the controller does not tell
 bool IsInElevatedGroup(directory::Session& session, const AccountFacts& account);
 
 } // namespace tessary::proxy

@@ -22,7 +22,7 @@ constexpr int mostLeases = 4;
 /// Controllers end connections whose ticket is over.
 constexpr std::chrono::minutes ticketReserve{5};
 
-/// For finding out which controller is the first to know.
+/// For finding out which controller is the PDC emulator.
 constexpr std::chrono::seconds nameTime{5};
 
 /// A key that was rejected is not tried again at once: that would lock the account out.
@@ -49,27 +49,27 @@ bool IsWorthKeeping(Session& session) noexcept {
 }
 
 /// Empty when nobody says.
-std::string FirstToKnow(const std::string& domain, const Deadline& deadline) {
+std::vector<std::string> PdcEmulator(const std::string& domain, const Deadline& deadline) {
     try {
-        const auto hosts =
-            directory::Resolver(deadline).ServiceHosts("_ldap._tcp.pdc._msdcs." + domain);
-        return hosts.empty() ? "" : hosts.front();
+        return directory::Resolver(deadline).ServiceHosts("_ldap._tcp.pdc._msdcs." + domain);
     } catch (const Error&) {
-        return ""; // any other will do
+        return {}; // any other will do
     }
 }
 
 } // namespace
 
-AccountSessions::AccountSessions(std::string domain, std::string account, std::string keytab)
-    : domain_(std::move(domain)), account_(std::move(account)), keytab_(std::move(keytab)) {
+AccountSessions::AccountSessions(std::string domain, std::string account, std::string keytab,
+                                 Clock clock)
+    : domain_(std::move(domain)), account_(std::move(account)), keytab_(std::move(keytab)),
+      clock_(std::move(clock)) {
     // No more sessions are kept than have been out at once, so that keeping one cannot fail.
     kept_.reserve(mostLeases);
 }
 
 AccountSessions::Lease::~Lease() {
     if (sessions_)
-        sessions_->Return(broken_ ? nullptr : std::move(session_));
+        sessions_->Return(broken_ ? Login() : std::move(login_));
 }
 
 AccountSessions::Lease AccountSessions::Take(const Deadline& deadline) {
@@ -83,10 +83,10 @@ AccountSessions::Lease AccountSessions::Take(const Deadline& deadline) {
     }
     try {
         if (std::unique_ptr<Session> kept = TakeKept())
-            return Lease(*this, std::move(kept), true);
+            return Lease(*this, {std::move(kept), true}, true);
         return Lease(*this, LogIn(deadline), false);
     } catch (...) {
-        Return(nullptr);
+        Return({});
         throw;
     }
 }
@@ -100,15 +100,15 @@ std::unique_ptr<Session> AccountSessions::TakeKept() {
     return session;
 }
 
-void AccountSessions::Return(std::unique_ptr<Session> session) noexcept {
-    // One whose ticket is near its end is ended here, outside of the lock.
-    if (session && !IsWorthKeeping(*session))
-        session.reset();
+void AccountSessions::Return(Login login) noexcept {
+    // What is not kept is ended here, outside of the lock.
+    if (login.session && !(login.first && IsWorthKeeping(*login.session)))
+        login.session.reset();
     {
         const std::lock_guard lock(mutex_);
         --out_;
-        if (session && kept_.size() < kept_.capacity())
-            kept_.push_back({std::move(session), Clock::now()});
+        if (login.session && kept_.size() < kept_.capacity())
+            kept_.push_back({std::move(login.session), clock_()});
     }
     returned_.notify_one();
 }
@@ -116,34 +116,26 @@ void AccountSessions::Return(std::unique_ptr<Session> session) noexcept {
 void AccountSessions::EndIdle(std::chrono::seconds time) {
     std::vector<Kept> ended;
     const std::lock_guard lock(mutex_);
-    while (!kept_.empty() && Clock::now() - kept_.front().since > time) {
+    while (!kept_.empty() && clock_() - kept_.front().since > time) {
         ended.push_back(std::move(kept_.front()));
         kept_.erase(kept_.begin());
     }
 }
 
-AccountSessions::Informed AccountSessions::LogInAtFirstToKnow(const Deadline& deadline) {
-    const std::string name = FirstToKnow(domain_, deadline.AtMost(nameTime));
-    std::unique_ptr<Session> session = LogInAt(name, deadline);
-    const bool first = !name.empty() && directory::EqualNames(session->Where().host, name);
-    return {std::move(session), first};
-}
-
-std::unique_ptr<Session> AccountSessions::LogInAt(const std::string& first,
-                                                  const Deadline& deadline) {
+AccountSessions::Login AccountSessions::LogIn(const Deadline& deadline) {
     const KeytabVersion keytab = VersionOfKeytab();
     ExpectNotRejected(keytab);
-    std::vector<std::string> controllers;
-    if (!first.empty())
-        controllers.push_back(first);
-    directory::Controller controller = LocateController(domain_, controllers, deadline);
+    const std::vector<std::string> first = PdcEmulator(domain_, deadline.AtMost(nameTime));
+    directory::Controller controller = LocateController(domain_, first, deadline);
+    const bool isFirst = !first.empty() && directory::EqualNames(controller.host, first.front());
     try {
-        return std::make_unique<Session>(
+        auto session = std::make_unique<Session>(
             std::move(controller), directory::KeytabLogin{account_, "FILE:" + keytab_}, deadline);
+        return {std::move(session), isFirst};
     } catch (const Error& error) {
         if (IsRejection(error)) {
             const std::lock_guard lock(mutex_);
-            rejection_ = Rejection{error, keytab, Clock::now() + rejectionTime};
+            rejection_ = Rejection{error, keytab, clock_() + rejectionTime};
         }
         throw;
     }
@@ -160,7 +152,7 @@ void AccountSessions::ExpectNotRejected(const KeytabVersion& keytab) {
     const std::lock_guard lock(mutex_);
     if (!rejection_)
         return;
-    if (rejection_->keytab == keytab && Clock::now() < rejection_->until)
+    if (rejection_->keytab == keytab && clock_() < rejection_->until)
         throw rejection_->error;
     rejection_.reset();
 }

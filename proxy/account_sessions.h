@@ -8,6 +8,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -17,14 +18,28 @@
 
 namespace tessary::proxy {
 
-/// Sessions that are kept for the next request. Logging in takes several times as long as what a
-/// request has to ask.
+/// All are at one controller while it answers, the domain's PDC emulator: what one request wrote
+/// the next one sees, and other controllers tell that one of new passwords before they tell the
+/// rest. Any number of threads may use this at once.
+///
+/// Sessions are kept for the next request: logging in takes several times as long as what a request
+/// has to ask. One at another controller is not kept, so that the right one is asked again as soon
+/// as it answers.
 class AccountSessions {
 public:
     class Lease;
+    using Time = std::chrono::steady_clock::time_point;
+    using Clock = std::function<Time()>;
+
+    struct Login {
+        std::unique_ptr<directory::Session> session;
+        bool first; ///< at the PDC emulator; else it did not answer, and another one did
+    };
 
     /// \param keytab path of a file
-    AccountSessions(std::string domain, std::string account, std::string keytab);
+    /// \param clock  tells the time, for what is kept and what is not tried again
+    AccountSessions(std::string domain, std::string account, std::string keytab,
+                    Clock clock = std::chrono::steady_clock::now);
 
     /// A session of the caller's own for a time: one that was kept, or a new one. Waits for one of
     /// the others when there are as many as there may be.
@@ -32,27 +47,15 @@ public:
     Lease Take(const directory::Deadline& deadline);
 
     /// A session that is not kept.
-    std::unique_ptr<directory::Session> LogIn(const directory::Deadline& deadline) {
-        return LogInAt("", deadline);
-    }
-
-    /// A session of its own for what only one controller knows for sure: the domain has one that
-    /// hears of every new password at once, wherever it was set.
-    struct Informed {
-        std::unique_ptr<directory::Session> session;
-        bool first; ///< at that controller; else it did not answer, and another one did
-    };
-    Informed LogInAtFirstToKnow(const directory::Deadline& deadline);
+    Login LogIn(const directory::Deadline& deadline);
 
     /// Ends those that nobody has used for longer than this.
     void EndIdle(std::chrono::seconds time);
 
 private:
-    using Clock = std::chrono::steady_clock;
-
     struct Kept {
         std::unique_ptr<directory::Session> session;
-        Clock::time_point since;
+        Time since;
     };
     /// What tells one version of the keytab's file from the next.
     struct KeytabVersion {
@@ -65,13 +68,10 @@ private:
     struct Rejection {
         directory::Error error;
         KeytabVersion keytab;
-        Clock::time_point until;
+        Time until;
     };
 
-    /// \param first a controller to be asked before others; empty for none
-    std::unique_ptr<directory::Session> LogInAt(const std::string& first,
-                                                const directory::Deadline& deadline);
-    void Return(std::unique_ptr<directory::Session> session) noexcept;
+    void Return(Login login) noexcept;
     std::unique_ptr<directory::Session> TakeKept();
     KeytabVersion VersionOfKeytab() const;
     void ExpectNotRejected(const KeytabVersion& keytab);
@@ -79,6 +79,7 @@ private:
     const std::string domain_;
     const std::string account_;
     const std::string keytab_;
+    const Clock clock_;
     std::mutex mutex_;
     std::condition_variable returned_;
     int out_ = 0;            // leases
@@ -89,16 +90,18 @@ private:
 /// Use by one thread at a time. Must not outlive the sessions it comes from.
 class AccountSessions::Lease {
 public:
-    Lease(AccountSessions& sessions, std::unique_ptr<directory::Session> session, bool kept)
-        : sessions_(&sessions), session_(std::move(session)), kept_(kept) {}
+    Lease(AccountSessions& sessions, Login login, bool kept)
+        : sessions_(&sessions), login_(std::move(login)), kept_(kept) {}
     Lease(Lease&& other) noexcept
-        : sessions_(other.sessions_), session_(std::move(other.session_)), kept_(other.kept_) {
+        : sessions_(other.sessions_), login_(std::move(other.login_)), kept_(other.kept_) {
         other.sessions_ = nullptr;
     }
     Lease& operator=(Lease&&) = delete;
     ~Lease();
 
-    directory::Session& Get() { return *session_; }
+    directory::Session& Get() { return *login_.session; }
+    /// Whether it is at the PDC emulator.
+    bool IsFirst() const { return login_.first; }
 
     /// Runs a function that only reads, on this session. A session that was kept may have broken
     /// since; then the function runs again on a new one.
@@ -111,8 +114,9 @@ public:
                 if (!IsUnanswered(error) || deadline.Passed())
                     throw;
             }
-            session_ = sessions_->LogIn(deadline);
+            login_ = sessions_->LogIn(deadline);
             kept_ = false;
+            broken_ = false;
         }
         return OnSession(deadline, function);
     }
@@ -120,9 +124,9 @@ public:
     /// Runs a function on this session. After a failure below the session is not kept.
     template <typename Function>
     auto OnSession(const directory::Deadline& deadline, Function function) {
-        session_->Extend(deadline);
+        login_.session->Extend(deadline);
         try {
-            return function(*session_);
+            return function(*login_.session);
         } catch (const directory::Error&) {
             broken_ = true;
             throw;
@@ -134,7 +138,7 @@ private:
     static constexpr std::chrono::seconds patience{4};
 
     AccountSessions* sessions_;
-    std::unique_ptr<directory::Session> session_;
+    Login login_;
     bool kept_;
     bool broken_ = false;
 };

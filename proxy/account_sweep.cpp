@@ -9,6 +9,7 @@
 
 #include <syslog.h>
 
+#include <exception>
 #include <utility>
 
 namespace tessary::proxy {
@@ -23,7 +24,7 @@ constexpr std::chrono::seconds accountTime{15}; // for one account, logging in i
 constexpr std::chrono::minutes retryTime{1};
 
 /// Until what another controller has done is to be seen, or asked for again.
-constexpr std::chrono::hours patience{1};
+constexpr std::chrono::minutes patience{5};
 
 void Log(int priority, const AccountRecord& record, const std::string& text) {
     syslog(priority, "account %s of %s: %s", record.account.c_str(), record.host.c_str(),
@@ -33,33 +34,47 @@ void Log(int priority, const AccountRecord& record, const std::string& text) {
 } // namespace
 
 void AccountSweep::Run(const std::stop_token& stop) {
-    for (const AccountRecord& record : records_.Due(clock_()))
-        if (stop.stop_requested() || !LookAt(record.account))
-            return;
+    for (const std::string& account : records_.Due(clock_()))
+        if (stop.stop_requested() || !LookAt(account))
+            break;
+    session_.reset();
 }
 
 /// \return false when no controller answers
 bool AccountSweep::LookAt(const std::string& account) {
     const auto hold = locks_.TryTake(account);
-    if (!hold)
-        return true;
-    // What was due a moment ago may have been asked for again since.
-    const std::optional<AccountRecord> record = records_.Find(account);
-    if (!record)
+    if (!hold || IsPutOff(account))
         return true;
     try {
-        Decide(*record);
+        // What was due a moment ago may have been given to a host again since.
+        if (const auto record = records_.FindDue(account, clock_()))
+            Decide(*record);
+        troubles_.erase(account);
     } catch (const Error& error) {
         session_.reset();
-        if (IsUnanswered(error) || error.Code() == Status::NoSuchDomain) {
-            // It may be this account alone that nobody answers for: others come first next time.
-            records_.Postpone(account, clock_());
-            return false;
-        }
-        Log(LOG_ERR, *record, error.what());
-        records_.Postpone(account, clock_() + retryTime);
+        const bool answered = !IsUnanswered(error) && error.Code() != Status::NoSuchDomain;
+        // It may be this account alone that nobody answers for: others come first next time.
+        PutOff(account, answered ? error.what() : "");
+        return answered;
+    } catch (const std::exception& error) {
+        session_.reset();
+        PutOff(account, error.what());
     }
     return true;
+}
+
+bool AccountSweep::IsPutOff(const std::string& account) const {
+    const auto trouble = troubles_.find(account);
+    return trouble != troubles_.end() && clock_() < trouble->second.until;
+}
+
+/// Not by way of the record, which may be what fails.
+/// \param text for the log, unless it is what was last said of that account; empty to say nothing
+void AccountSweep::PutOff(const std::string& account, const std::string& text) {
+    Trouble& trouble = troubles_[account];
+    trouble.until = clock_() + retryTime;
+    if (!text.empty() && std::exchange(trouble.text, text) != text)
+        syslog(LOG_ERR, "account %s: %s", account.c_str(), text.c_str());
 }
 
 void AccountSweep::Decide(AccountRecord record) {
@@ -67,9 +82,9 @@ void AccountSweep::Decide(AccountRecord record) {
         return records_.Put(record, std::nullopt);
     const Deadline deadline = Deadline::In(accountTime);
     if (!session_) {
-        AccountSessions::Informed informed = sessions_.LogInAtFirstToKnow(deadline);
-        session_ = std::move(informed.session);
-        first_ = informed.first;
+        AccountSessions::Login login = sessions_.LogIn(deadline);
+        session_ = std::move(login.session);
+        first_ = login.first;
     }
     session_->Extend(deadline);
     if (record.state == AccountState::Pending)
@@ -87,6 +102,14 @@ void AccountSweep::DecidePending(AccountRecord record) {
         return Await(record);
     if (IsDone(*account, record)) {
         record.passwordSet = account->passwordSet;
+        return DecideUnclaimed(std::move(record), *account);
+    }
+    const std::optional<std::int64_t> set = account->PasswordSetAt();
+    if (set && account->passwordSet == record.passwordSet) {
+        // The reset has not been done, and the password that was handed out before it still counts.
+        const auto end = std::chrono::system_clock::from_time_t(*set) + settings_.unusedAfter;
+        if (clock_() < end)
+            return records_.Postpone(record.account, end);
         return DecideUnclaimed(std::move(record), *account);
     }
     if (IsSetSince(*account, record) && (first_ || account->mark == record.mark))
@@ -137,40 +160,60 @@ bool AccountSweep::IsOver(const AccountRecord& record) const {
 }
 
 void AccountSweep::DecideUnclaimed(AccountRecord record, const AccountFacts& account) {
-    const std::string own =
-        directory::OrganizationalUnitDn(settings_.container, session_->Where().baseDn);
-    const char* obstacle = nullptr;
-    if (!LiesWithin(account.dn, own))
-        obstacle = "was moved to where it cannot be removed";
-    else if (WhyElevated(account) || IsInElevatedGroup(*session_, account))
-        obstacle = "has got rights that no plain host has";
+    const char* obstacle = ObstacleTo(account);
     if (!obstacle)
         return Withdraw(std::move(record), account);
     Log(LOG_WARNING, record,
-        std::string("no host has changed its password, and it ") + obstacle + ": " + account.dn);
+        std::string("no host has changed its password, ") +
+            (account.IsDisabled() ? "and it stays disabled"
+                                  : "and the one that the proxy gave it stays valid") +
+            ": it is left alone, since it " + obstacle + ": " + account.dn);
     Settle(std::move(record), AccountState::Unclaimed);
 }
 
-/// A host may be joining with the account at this very moment, and a host that has joined keeps it:
-/// only what is disabled, and has the same password then as before, is nobody's.
+/// Why an account is an administrator's matter; null when it is not.
+const char* AccountSweep::ObstacleTo(const AccountFacts& account) {
+    const std::string own =
+        directory::OrganizationalUnitDn(settings_.container, session_->Where().baseDn);
+    if (!LiesWithin(account.dn, own))
+        return "was moved away";
+    if (WhyElevated(account) || IsInElevatedGroup(*session_, account))
+        return "has got rights that no plain host has";
+    return nullptr;
+}
+
 void AccountSweep::Withdraw(AccountRecord record, const AccountFacts& account) {
-    if (!account.IsDisabled()) {
-        record.state = AccountState::Withdrawn;
-        records_.Put(record, clock_() + retryTime);
-        directory::MachineAccounts(*session_).Disable(account.UniqueDn());
-        Log(LOG_NOTICE, record, "disabled, since the host has not changed its password");
-    }
-    const auto now = FindByGuid(*session_, record.guid);
-    if (!now)
-        return Await(record);
-    if (now->passwordSet != record.passwordSet)
-        return Take(std::move(record), *now);
+    if (record.state != AccountState::Withdrawn || !account.IsDisabled())
+        return Disable(std::move(record), account);
     // Another controller may know of a new password.
     if (!first_ && !IsOver(record))
         return records_.Postpone(record.account, clock_() + retryTime);
-    if (!first_ || record.used || now->mark != record.mark)
+    // A mark may be that of an earlier request: the latest may not have been done.
+    if (!first_ || record.used || !account.mark.starts_with(markPrefix))
         return Settle(std::move(record), AccountState::Unclaimed);
-    Delete(std::move(record), *now);
+    Delete(std::move(record), account);
+}
+
+/// Ends the password that was handed out, be it that this cannot be recorded: then the next look
+/// finds the account disabled, and records it.
+void AccountSweep::Disable(AccountRecord record, const AccountFacts& account) {
+    record.state = AccountState::Withdrawn;
+    std::exception_ptr unrecorded;
+    try {
+        records_.Put(record, clock_() + retryTime);
+    } catch (const std::exception&) {
+        unrecorded = std::current_exception();
+    }
+    if (!account.IsDisabled()) {
+        directory::MachineAccounts(*session_).Disable(account.UniqueDn());
+        Log(LOG_NOTICE, record, "disabled, since the host has not changed its password");
+    }
+    // A host may be joining with it at this very moment, and a host that has joined keeps it.
+    const auto now = FindByGuid(*session_, record.guid);
+    if (now && now->passwordSet != record.passwordSet)
+        Take(std::move(record), *now);
+    if (unrecorded)
+        std::rethrow_exception(unrecorded);
 }
 
 void AccountSweep::Delete(AccountRecord record, const AccountFacts& account) {
@@ -188,14 +231,25 @@ void AccountSweep::Delete(AccountRecord record, const AccountFacts& account) {
 
 /// Somebody has changed its password: a host, or an administrator for it.
 void AccountSweep::Take(AccountRecord record, const AccountFacts& account) {
-    if (record.state == AccountState::Withdrawn && account.IsDisabled()) {
-        const std::string enabled = std::to_string(account.control & ~accountDisabled);
-        session_->Ldap().Modify(account.UniqueDn(),
-                                {{LDAP_MOD_REPLACE, "userAccountControl", {enabled}}},
-                                session_->End());
-        Log(LOG_NOTICE, record, "enabled again: the host has changed its password meanwhile");
-    }
+    const bool withdrawn = record.state == AccountState::Withdrawn;
+    // That it was disabled at another controller may come to be known here later than the password.
+    if (withdrawn && !account.IsDisabled() && !IsOver(record))
+        return records_.Postpone(record.account, clock_() + retryTime);
+    if (withdrawn && account.IsDisabled())
+        Enable(record, account);
     Settle(std::move(record), AccountState::Taken);
+}
+
+void AccountSweep::Enable(const AccountRecord& record, const AccountFacts& account) {
+    if (const char* obstacle = ObstacleTo(account))
+        return Log(LOG_WARNING, record,
+                   std::string("the host has changed its password meanwhile; it stays disabled, "
+                               "since it ") +
+                       obstacle + ": " + account.dn);
+    const std::string enabled = std::to_string(account.control & ~accountDisabled);
+    session_->Ldap().Modify(account.UniqueDn(),
+                            {{LDAP_MOD_REPLACE, "userAccountControl", {enabled}}}, session_->End());
+    Log(LOG_NOTICE, record, "enabled again: the host has changed its password meanwhile");
 }
 
 void AccountSweep::Settle(AccountRecord record, AccountState state) {

@@ -32,19 +32,24 @@ void CheckParts(const std::string& file, const Configuration& configuration, Che
         }
     };
     check([&] { AllowConnections(configuration.server.front.connections); });
-    check([&] { CheckKeytab(configuration.accounts.keytab, configuration.accounts.account); });
+    const AccountSettings& accounts = configuration.accounts;
+    check([&] { CheckKeytab(accounts.keytab, accounts.account, accounts.domain); });
     const std::string& state = configuration.accounts.stateDirectory;
-    if (IsMissing(state))
+    if (IsMissing(state)) {
         result.facts.push_back(state + " is made at the first start");
-    else
+        if (geteuid() == 0)
+            result.facts.push_back("root looked; whether the proxy's user may read the same files "
+                                   "is not known before the first start");
+    } else {
         check([&] { PrepareStateDirectory(state); });
+    }
     const std::string& certificate = configuration.certificate;
     if (IsMissing(certificate) && IsMissing(configuration.privateKey))
         result.facts.push_back(certificate + " is made at the first start");
     else
         check([&] { Describe(ReadIdentity(certificate, configuration.privateKey), result); });
-    if (configuration.server.front.allowedNetworks.empty())
-        result.facts.push_back("allowed_networks is empty: everybody is refused");
+    for (const std::string& warning : Warnings(configuration))
+        result.facts.push_back(warning);
 }
 
 } // namespace

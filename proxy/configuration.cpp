@@ -5,6 +5,7 @@
 #include "directory/text.h"
 
 #include <algorithm>
+#include <functional>
 #include <optional>
 
 #include "host_name.h"
@@ -119,7 +120,7 @@ void ReadExemptHosts(TomlReader& reader, ServerSettings& server) {
     for (std::size_t i = 0; i < texts.size(); ++i) {
         if (!texts[i])
             continue;
-        const auto name = *texts[i] == "*" ? texts[i] : NormalizeHostName(*texts[i]);
+        const auto name = *texts[i] == anyHost ? texts[i] : NormalizeHostName(*texts[i]);
         if (name)
             server.hostsWithoutForwardEntry.insert(*name);
         else
@@ -177,6 +178,19 @@ Configuration ReadConfiguration(const std::string& file) {
     ReadLimits(reader, configuration.server.front);
     reader.End();
     return configuration;
+}
+
+std::vector<std::string> Warnings(const Configuration& configuration) {
+    std::vector<std::string> warnings;
+    const std::vector<Network>& networks = configuration.server.front.allowedNetworks;
+    if (networks.empty())
+        warnings.push_back("allowed_networks is empty: everybody is refused");
+    if (std::any_of(networks.begin(), networks.end(), std::mem_fn(&Network::HasAll)))
+        warnings.push_back("allowed_networks has a network of all addresses: everybody may ask");
+    if (configuration.server.hostsWithoutForwardEntry.contains(anyHost))
+        warnings.push_back("hosts_without_forward_entry has \"*\": whoever may ask can have the "
+                           "account of any host");
+    return warnings;
 }
 
 } // namespace tessary::proxy

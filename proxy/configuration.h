@@ -36,6 +36,9 @@ private:
 /// \throws ConfigurationError
 Configuration ReadConfiguration(const std::string& file);
 
+/// What a configuration allows to nobody or to everybody, a line each.
+std::vector<std::string> Warnings(const Configuration& configuration);
+
 } // namespace tessary::proxy
 
 #endif

@@ -5,10 +5,9 @@
 #include "directory/error.h"
 #include "directory/text.h"
 #include "directory/unique_fd.h"
+#include "signals.h"
 
 #include <fcntl.h>
-#include <pthread.h>
-#include <signal.h>
 #include <sys/file.h>
 #include <syslog.h>
 
@@ -18,28 +17,13 @@
 #include <stdexcept>
 #include <stop_token>
 #include <thread>
+#include <utility>
 
 namespace tessary::proxy {
 namespace {
 
 /// How long after its time an account may be looked at.
 constexpr std::chrono::seconds interval{5};
-
-/// Signals are for the thread that starts others.
-class SignalsBlocked {
-public:
-    SignalsBlocked() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &before_);
-    }
-    SignalsBlocked(const SignalsBlocked&) = delete;
-    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-
-private:
-    sigset_t before_;
-};
 
 /// One process at a time looks after accounts: what it is about to do to one, it knows only itself.
 directory::UniqueFd LockDirectory(const std::string& path) {
@@ -58,7 +42,7 @@ class DirectoryAccounts : public AccountService {
 public:
     explicit DirectoryAccounts(const AccountSettings& settings)
         : lock_(LockDirectory(settings.stateDirectory)), keeper_(settings) {
-        const SignalsBlocked blocked;
+        const BlockedSignals blocked;
         thread_ = std::jthread([this](std::stop_token stop) { LookAfter(stop); });
     }
 
@@ -72,12 +56,15 @@ private:
     void LookAfter(const std::stop_token& stop) {
         std::mutex mutex;
         std::condition_variable_any never;
+        std::string told; // what does not change is said once
         while (!stop.stop_requested()) {
             try {
-                keeper_.Sweep(stop);
                 keeper_.EndIdle();
+                keeper_.Sweep(stop);
+                told.clear();
             } catch (const std::exception& error) {
-                syslog(LOG_ERR, "cannot look after accounts: %s", error.what());
+                if (std::exchange(told, error.what()) != error.what())
+                    syslog(LOG_ERR, "cannot look after accounts: %s", error.what());
             }
             std::unique_lock lock(mutex);
             never.wait_for(lock, stop, interval, [] { return false; });

@@ -22,7 +22,7 @@ struct AccountSettings {
     std::string stateDirectory;           ///< holds accounts.db
     std::chrono::hours resetAfter{0}; ///< an account of that age may get a new password; 0: none
     std::chrono::minutes unusedAfter{10}; ///< an account that its host has not taken over by then
-                                          ///< is removed
+                                          ///< is disabled, and removed a little later
 };
 
 /// Opens the record of accounts, and starts removing those that no host has taken over, also those

@@ -127,8 +127,7 @@ bool FrontDoor::TryAccept() {
         // What is small and last must not wait until the client has confirmed what came before.
         const int yes = 1;
         setsockopt(socket.Get(), IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
-        Admit(std::move(socket), Peer::Of(address));
-        return true;
+        return AdmitOrEnd(std::move(socket), Peer::Of(address));
     }
     if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
         // It fails for want of a descriptor also while there is nobody to accept.
@@ -151,6 +150,17 @@ bool FrontDoor::IsListed(const IpAddress& address) const {
                        [&](const Network& network) { return network.Contains(address); });
 }
 
+bool FrontDoor::AdmitOrEnd(directory::UniqueFd socket, const Peer& peer) {
+    try {
+        Admit(std::move(socket), peer);
+        return true;
+    } catch (const std::exception& failure) { // such as one more to watch than the system allows
+        nuisances_.Write(Nuisance::TooManyConnections, peer, failure.what(), Clock::now());
+        Mute(true);
+        return false;
+    }
+}
+
 void FrontDoor::Admit(directory::UniqueFd socket, const Peer& peer) {
     const auto now = Clock::now();
     const IpAddress site = peer.address.Site();
@@ -165,6 +175,7 @@ void FrontDoor::Admit(directory::UniqueFd socket, const Peer& peer) {
         return nuisances_.Write(Nuisance::TooManyConnections, peer, "all are being answered", now);
 
     const std::uint64_t id = nextId_++;
+    Watch(EPOLL_CTL_ADD, socket.Get(), EPOLLIN, id); // may fail, while nothing is counted yet
     const auto guest =
         guests_.try_emplace(id, Guest{Connection(std::move(socket), peer), isListed, {}, EPOLLIN})
             .first;
@@ -172,7 +183,6 @@ void FrontDoor::Admit(directory::UniqueFd socket, const Peer& peer) {
     unlisted_ += isListed ? 0 : 1;
     ++open_;
     SetDeadline(guest, now + settings_.requestTime);
-    Watch(EPOLL_CTL_ADD, guest->second.connection.Socket(), EPOLLIN, id);
 }
 
 bool FrontDoor::MakeRoom() {

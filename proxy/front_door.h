@@ -80,6 +80,7 @@ private:
     int TimeToWait() const;
     void AcceptSome();
     bool TryAccept();
+    bool AdmitOrEnd(directory::UniqueFd socket, const Peer& peer);
     void Admit(directory::UniqueFd socket, const Peer& peer);
     bool IsListed(const IpAddress& address) const;
     bool MakeRoom();

@@ -2,7 +2,6 @@
 
 #include "account_service.h"
 
-#include "directory/error.h"
 #include "directory/resolver.h"
 
 #include <algorithm>
@@ -13,12 +12,10 @@ HostLookUp SystemLookUp() {
     return [](const std::string& host, const directory::Deadline& deadline) {
         directory::Resolver resolver(deadline);
         const directory::HostAddresses& found = resolver.LookUp(host);
-        if (found.failure)
-            throw *found.failure;
-        std::vector<IpAddress> addresses;
+        KnownAddresses known{{}, found.failure};
         for (const directory::SocketAddress& address : found.addresses)
-            addresses.push_back(IpAddress::Of(address.Get()));
-        return addresses;
+            known.addresses.push_back(IpAddress::Of(address.Get()));
+        return known;
     };
 }
 
@@ -27,19 +24,16 @@ HostCheck::HostCheck(HostLookUp lookUp, std::set<std::string> exempt,
     : lookUp_(std::move(lookUp)), exempt_(std::move(exempt)), time_(time) {}
 
 void HostCheck::Check(const std::string& host, const IpAddress& asks) const {
-    if (exempt_.contains("*") || exempt_.contains(host))
+    if (exempt_.contains(anyHost) || exempt_.contains(host))
         return;
-    std::vector<IpAddress> addresses;
-    try {
-        addresses = lookUp_(host, directory::Deadline::In(time_));
-    } catch (const directory::Error& failure) {
-        throw Refusal(Code::Internal, "the host's name cannot be looked up at the moment",
-                      failure.what());
-    }
-    if (addresses.empty())
-        throw Refusal(Code::NotAllowed, "the host's name has no address");
+    const auto [addresses, failure] = lookUp_(host, directory::Deadline::In(time_));
     if (std::find(addresses.begin(), addresses.end(), asks) != addresses.end())
         return;
+    if (failure)
+        throw Refusal(Code::Internal, "the host's name cannot be looked up at the moment",
+                      failure->what());
+    if (addresses.empty())
+        throw Refusal(Code::NotAllowed, "the host's name has no address");
     std::string detail = "its addresses:";
     for (const IpAddress& address : addresses)
         detail += " " + address.Text();

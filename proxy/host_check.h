@@ -5,18 +5,28 @@
 #include "network.h"
 
 #include "directory/deadline.h"
+#include "directory/error.h"
 
 #include <functional>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 namespace tessary::proxy {
 
-/// Looks up the addresses of a host; none when it has none. Called by many threads at once.
-/// Throws directory::Error when nobody can tell.
+/// In place of a host's name: all of them.
+inline constexpr char anyHost[] = "*";
+
+/// What is known of a host's addresses.
+struct KnownAddresses {
+    std::vector<IpAddress> addresses;
+    std::optional<directory::Error> failure; ///< why nobody can tell whether there are more
+};
+
+/// Looks up the addresses of a host. Called by many threads at once.
 using HostLookUp =
-    std::function<std::vector<IpAddress>(const std::string& host, const directory::Deadline&)>;
+    std::function<KnownAddresses(const std::string& host, const directory::Deadline&)>;
 
 /// Asks the hosts file and the name servers of this host, up to the deadline.
 HostLookUp SystemLookUp();
@@ -25,8 +35,8 @@ HostLookUp SystemLookUp();
 /// may call it at once.
 class HostCheck {
 public:
-    /// \param exempt hosts whose address does not matter, as NormalizeHostName() has them; "*": all
-    /// \param time   for looking a host up
+    /// \param exempt hosts whose address does not matter, as NormalizeHostName() has them, or
+    /// anyHost \param time   for looking a host up
     HostCheck(HostLookUp lookUp, std::set<std::string> exempt, std::chrono::milliseconds time);
 
     /// \param host as NormalizeHostName() has it

@@ -157,10 +157,11 @@ void HttpService::AnswerAccount(const Request& request, Response& response) {
     std::string host;
     try {
         const AccountRequest asked = AccountRequest::Parse(request.body);
-        host = asked.hostName;
+        host = nlohmann::json(Printable(asked.hostName)).dump(); // quoted: it may have any sign
         const auto name = NormalizeHostName(asked.hostName);
         if (!name)
             throw Refusal(Code::BadRequest, "that is not a fully qualified host name");
+        host = *name;
         accounts_.ExpectHost(*name); // before name servers are asked that may be anybody's
         hostCheck_.Check(*name, PeerOf(request).address);
         const NewAccount account = accounts_.Create(*name, asked.container);
@@ -190,7 +191,7 @@ void HttpService::Log(int priority, const Request& request, const std::string& h
                       const std::string& text) const {
     std::string line = PeerOf(request).Text();
     if (!host.empty())
-        line += " " + Printable(host);
+        line += " " + host;
     sink_(priority, Printable(line + ": " + text, longestLine));
 }
 

@@ -1,6 +1,7 @@
 #include "keytab_check.h"
 
 #include "directory/kerberos_owner.h"
+#include "directory/kerberos_profile.h"
 #include "directory/text.h"
 
 #include <fcntl.h>
@@ -9,7 +10,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <stdexcept>
 
 #include "directory/unique_fd.h"
@@ -29,45 +29,35 @@ void CheckFile(const std::string& path) {
                                  " is open to every user (chmod o= would close it)");
 }
 
-struct ContextDeleter {
-    void operator()(krb5_context context) const { krb5_free_context(context); }
-};
-using UniqueContext = std::unique_ptr<std::remove_pointer_t<krb5_context>, ContextDeleter>;
+using Entry = directory::KerberosContents<krb5_keytab_entry, krb5_free_keytab_entry_contents>;
 
-bool IsOf(const krb5_keytab_entry& entry, const std::string& account) {
-    const krb5_principal principal = entry.principal;
-    return principal->length == 1 &&
-           directory::EqualNames({principal->data[0].data, principal->data[0].length}, account);
-}
-
-/// Whether one of the keys is the account's.
+/// Whether one of the keys is the account's, as a login looks for it.
 /// \throws std::runtime_error when the file is no keytab
-bool HasKeyOf(krb5_context context, const std::string& path, const std::string& account) {
+bool HasKeyOf(krb5_context context, const std::string& path, const std::string& account,
+              const std::string& realm) {
     directory::KeytabHandle keytab(context);
-    krb5_kt_cursor cursor{};
-    if (krb5_kt_resolve(context, ("FILE:" + path).c_str(), keytab.Out()) != 0 ||
-        krb5_kt_start_seq_get(context, keytab.Get(), &cursor) != 0)
+    directory::PrincipalHandle principal(context);
+    Entry entry(context);
+    if (krb5_build_principal(context, principal.Out(), static_cast<unsigned>(realm.size()),
+                             realm.c_str(), account.c_str(), nullptr) != 0 ||
+        krb5_kt_resolve(context, ("FILE:" + path).c_str(), keytab.Out()) != 0)
+        throw std::runtime_error("cannot set Kerberos up");
+    const krb5_error_code code =
+        krb5_kt_get_entry(context, keytab.Get(), principal.Get(), 0, ENCTYPE_NULL, entry.Out());
+    if (code != 0 && code != KRB5_KT_NOTFOUND)
         throw std::runtime_error(path + " is no keytab");
-    bool found = false;
-    krb5_keytab_entry entry{};
-    while (!found && krb5_kt_next_entry(context, keytab.Get(), &entry, &cursor) == 0) {
-        found = IsOf(entry, account);
-        krb5_free_keytab_entry_contents(context, &entry);
-    }
-    krb5_kt_end_seq_get(context, keytab.Get(), &cursor);
-    return found;
+    return code == 0;
 }
 
 } // namespace
 
-void CheckKeytab(const std::string& path, const std::string& account) {
+void CheckKeytab(const std::string& path, const std::string& account, const std::string& domain) {
     CheckFile(path);
-    krb5_context raw = nullptr;
-    if (krb5_init_context(&raw) != 0)
-        throw std::runtime_error("cannot set Kerberos up");
-    const UniqueContext context(raw);
-    if (!HasKeyOf(raw, path, account))
-        throw std::runtime_error("the keytab " + path + " has no key of " + account);
+    const std::string realm = directory::UpperCase(domain);
+    const directory::KerberosContext context(directory::MakeKerberosContext(realm));
+    if (!HasKeyOf(context.get(), path, account, realm))
+        throw std::runtime_error("the keytab " + path + " has no key of " + account + "@" + realm +
+                                 ", in capitals and small letters as written here");
 }
 
 } // namespace tessary::proxy

@@ -15,6 +15,7 @@
 #include "decision_log.h"
 #include "directory_accounts.h"
 #include "host_name.h"
+#include "keytab_check.h"
 #include "server.h"
 #include "start.h"
 
@@ -66,16 +67,16 @@ int Release(const std::string& file, const std::string& host) {
 
 Identity Prepare(const Configuration& configuration) {
     AllowConnections(configuration.server.front.connections);
+    CheckKeytab(configuration.accounts.keytab, configuration.accounts.account,
+                configuration.accounts.domain);
     PrepareStateDirectory(configuration.accounts.stateDirectory);
     Identity identity = PrepareIdentity(configuration.certificate, configuration.privateKey);
-    const std::string thumbprint = "thumbprint " + identity.Thumbprint();
-    std::cout << thumbprint << std::endl;
-    syslog(LOG_INFO, "%s", thumbprint.c_str());
+    std::cout << "thumbprint " << identity.Thumbprint() << std::endl; // a service's is logged
     if (identity.DaysLeft() < warningDays)
         syslog(LOG_WARNING, "the certificate in %s expires in %d days",
                configuration.certificate.c_str(), identity.DaysLeft());
-    if (configuration.server.front.allowedNetworks.empty())
-        syslog(LOG_WARNING, "allowed_networks is empty: everybody is refused");
+    for (const std::string& warning : Warnings(configuration))
+        syslog(LOG_WARNING, "%s", warning.c_str());
     return identity;
 }
 

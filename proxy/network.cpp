@@ -123,6 +123,10 @@ std::optional<Network> Network::Parse(const std::string& text) {
     return Network(*address, bits);
 }
 
+bool Network::HasAll() const {
+    return bits_ == (base_.IsV4() ? v4PrefixBits : 0);
+}
+
 bool Network::Contains(const IpAddress& address) const {
     return address.IsV4() == base_.IsV4() && address.First(bits_) == base_;
 }

@@ -59,6 +59,9 @@ public:
     ///         its length is likely
     static std::optional<Network> Parse(const std::string& text);
 
+    /// Whether it has all addresses of its family.
+    bool HasAll() const;
+
     /// IPv6 networks have no IPv4 addresses in them.
     bool Contains(const IpAddress& address) const;
 

@@ -20,7 +20,7 @@ namespace tessary::proxy {
 /// What the server goes by.
 struct ServerSettings {
     FrontSettings front;
-    std::set<std::string> hostsWithoutForwardEntry; ///< "*": all
+    std::set<std::string> hostsWithoutForwardEntry; ///< or anyHost
     std::chrono::milliseconds lookUpTime{6'000};    ///< for finding out whose name a host's is
     unsigned workers = 16;                          ///< requests that are answered at once
     unsigned workersPerAddress = 4;                 ///< of these, for one address

@@ -8,15 +8,27 @@ target_link_libraries(tesauth_proxy_lab PUBLIC tesauth_proxy_accounts tesauth_la
                       ${CMAKE_DL_LIBS})
 
 tesauth_lab_test(lab_proxy_accounts
-  SOURCES lab_proxy_accounts_test.cpp lab_proxy_resets_test.cpp lab_proxy_sweep_test.cpp
+  SOURCES lab_proxy_accounts_test.cpp lab_proxy_resets_test.cpp
+  LIBRARIES tesauth_proxy_lab
+  IN host1)
+
+tesauth_lab_test(lab_proxy_sweep
+  SOURCES lab_proxy_sweep_test.cpp
   LIBRARIES tesauth_proxy_lab
   IN host1)
 
 tesauth_lab_test(lab_proxy_failures
-  SOURCES lab_proxy_failures_test.cpp
+  SOURCES lab_proxy_crashes_test.cpp lab_proxy_failures_test.cpp lab_proxy_sessions_test.cpp
   LIBRARIES tesauth_proxy_lab
   IN host1)
 
+tesauth_lab_test(lab_proxy_trusts
+  SOURCES lab_proxy_trusts_test.cpp
+  LIBRARIES tesauth_proxy_lab
+  DCS 3
+  IN host1)
+
 tesauth_host_test(proxy_accounts
-  SOURCES proxy_account_records_test.cpp proxy_account_rules_test.cpp
-  LIBRARIES tesauth_proxy_accounts)
+  SOURCES proxy_account_locks_test.cpp proxy_account_records_test.cpp proxy_account_rules_test.cpp
+          proxy_keytab_check_test.cpp
+  LIBRARIES tesauth_proxy_accounts tesauth_proxy_server)

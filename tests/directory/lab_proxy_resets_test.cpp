@@ -16,26 +16,38 @@ constexpr char account[] = "WEB1$";
 constexpr char inUse[] = "5 the account WEB1$ is there already, and is in use: an administrator of "
                          "the proxy can let it be given a new password with "
                          "'tesauth-apxd release web1.corp.example'";
+constexpr char justGiven[] =
+    "5 the account WEB1$ was given to this host a moment ago: it is removed again in 10 minutes "
+    "unless the host takes it over, the host can ask again then, and an administrator of the proxy "
+    "can allow it at once with 'tesauth-apxd release web1.corp.example'";
+constexpr char notYet[] = "1311 the controller does not know the account yet";
 constexpr char notOurs[] = "the account WEB1$ is there already, and this proxy has not made it: an "
                            "administrator of the domain can delete it";
 
 class LabProxyResets : public ProxyLab {
 protected:
-    void MakeByAdmin(const std::string& container, const char* control = "4098") {
+    static void MakeByAdmin(const std::string& container, const std::string& name = account,
+                            const std::string& principal = "HTTP/none") {
         directory::Session& admin = Admin();
         admin.Ldap().Add("CN=WEB1," + container,
                          {{LDAP_MOD_ADD, "objectClass", {"computer"}},
-                          {LDAP_MOD_ADD, "sAMAccountName", {account}},
-                          {LDAP_MOD_ADD, "userAccountControl", {control}}},
+                          {LDAP_MOD_ADD, "sAMAccountName", {name}},
+                          {LDAP_MOD_ADD, "servicePrincipalName", {principal}},
+                          {LDAP_MOD_ADD, "userAccountControl", {"4098"}}},
                          admin.End());
+    }
+    static void DeleteAccount() {
+        directory::Session& admin = Admin();
+        admin.Ldap().Delete(Only(account).dn, admin.End());
     }
     void Release() { proxy::ReleaseAccount(stateDirectory_, host); }
 };
 
 TEST_F(LabProxyResets, AccountInUseIsRefused) {
-    const proxy::NewAccount made = Make(host);
-    EXPECT_EQ(Refused(host), inUse);
+    Make(host);
+    EXPECT_EQ(Refused(host), justGiven);
     ChangePassword(account);
+    EXPECT_EQ(Refused(host), inUse);
     Pass(std::chrono::minutes(11));
     EXPECT_EQ(Refused(host), inUse);
 }
@@ -48,8 +60,7 @@ TEST_F(LabProxyResets, AccountOfSomebodyElseIsRefused) {
 
 TEST_F(LabProxyResets, AccountWithTheNameOfOneThatWasOursIsRefused) {
     Make(host);
-    directory::Session& admin = Admin();
-    admin.Ldap().Delete(Only(account).dn, admin.End());
+    DeleteAccount();
     MakeByAdmin(hosts);
     Release();
     EXPECT_THAT(WhyNoNewPassword(host), HasSubstr(notOurs));
@@ -58,8 +69,7 @@ TEST_F(LabProxyResets, AccountWithTheNameOfOneThatWasOursIsRefused) {
 TEST_F(LabProxyResets, CopiedMarkMakesNoAccountOurs) {
     Make(host);
     const std::string mark = Record(account).value().mark;
-    directory::Session& admin = Admin();
-    admin.Ldap().Delete(Only(account).dn, admin.End());
+    DeleteAccount();
     MakeByAdmin(hosts);
     Change(Only(account).dn, "adminDescription", mark);
     EXPECT_THAT(WhyNoNewPassword(host), HasSubstr(notOurs));
@@ -78,7 +88,7 @@ TEST_F(LabProxyResets, DisabledAccountGetsANewPassword) {
     EXPECT_EQ(after.Value("objectGUID"), before.Value("objectGUID"));
     EXPECT_EQ(after.Value("userAccountControl"), "4096");
     EXPECT_EQ(after.Value("description"), "rack 12");
-    EXPECT_EQ(Refused(host), inUse);
+    EXPECT_EQ(Refused(host), justGiven);
 }
 
 TEST_F(LabProxyResets, AccountThatWasMovedWithinIsStillThatOne) {
@@ -127,7 +137,7 @@ TEST_F(LabProxyResets, ReleaseCountsOnce) {
     ChangePassword(account);
     Release();
     EXPECT_EQ(Refused(host), "given");
-    EXPECT_EQ(Refused(host), inUse);
+    EXPECT_EQ(Refused(host), justGiven);
 }
 
 TEST_F(LabProxyResets, ReleaseIsUsedUpOnlyBySuccess) {
@@ -152,34 +162,108 @@ TEST_F(LabProxyResets, NobodyIsReleasedWhoIsNotThere) {
 TEST_F(LabProxyResets, NewAccountInPlaceOfAReleasedOneIsNotReleased) {
     Make(host);
     Release();
-    directory::Session& admin = Admin();
-    admin.Ldap().Delete(Only(account).dn, admin.End());
+    DeleteAccount();
     Make(host);
-    EXPECT_EQ(Refused(host), inUse);
+    EXPECT_EQ(Refused(host), justGiven);
 }
 
 TEST_F(LabProxyResets, AccountThatAnotherControllerMayKnowIsNotMadeTwice) {
     Make(host);
     const std::string guid = Record(account).value().guid;
-    directory::Session& admin = Admin();
-    admin.Ldap().Delete(Only(account).dn, admin.End());
+    DeleteAccount();
     {
-        const FirstToKnowIsHidden hidden;
-        EXPECT_EQ(Refused(host), "1311 the controller does not know the account yet");
+        const PdcEmulatorIsHidden hidden;
+        Restart();
+        EXPECT_EQ(Refused(host), notYet);
         EXPECT_EQ(Record(account).value().guid, guid);
         EXPECT_EQ(Count(account), 0u);
     }
-    EXPECT_EQ(Refused(host), "given") << "the first to know says that it is gone";
+    EXPECT_EQ(Refused(host), "given") << "the PDC emulator says that it is gone";
+}
+
+TEST_F(LabProxyResets, AccountThatMayHaveBeenMadeElsewhereIsNotMadeTwice) {
+    interference::BusyFor("CN=WEB1,");
+    EXPECT_EQ(Refused(host), "1311 no domain controller answers");
+    interference::BusyFor("");
+    const PdcEmulatorIsHidden hidden;
+    Restart();
+    EXPECT_EQ(Refused(host), notYet);
+    EXPECT_EQ(Count(account), 0u);
+    Pass(std::chrono::minutes(11));
+    EXPECT_EQ(Refused(host), "given") << "nobody has the password of what was only meant";
+}
+
+TEST_F(LabProxyResets, AccountThatHasGotAnotherNameIsNotForgotten) {
+    Make(host, web);
+    const proxy::AccountRecord before = Record(account).value();
+    const std::string dn = Only(account).dn;
+    Change(dn, "sAMAccountName", "OTHER$");
+    Change(dn, "dNSHostName", "other.corp.example");
+    Change(dn, "servicePrincipalName", "HOST/other");
+    for (const bool withdrawn : {false, true}) {
+        EXPECT_THAT(WhyNoNewPassword(host), HasSubstr("has another name now: " + dn)) << withdrawn;
+        EXPECT_EQ(Record(account).value().guid, before.guid) << withdrawn;
+        Pass(std::chrono::minutes(11));
+    }
+    EXPECT_EQ(Count("OTHER$"), 0u);
+    EXPECT_EQ(Refused(host), "given");
+}
+
+TEST_F(LabProxyResets, AccountThatAHostHasTakenAndThatHasGotAnotherNameBlocksNobody) {
+    Make(host, web);
+    ChangePassword(account);
+    Pass(std::chrono::minutes(11));
+    const std::string dn = Only(account).dn;
+    Change(dn, "sAMAccountName", "OTHER$");
+    Change(dn, "dNSHostName", "other.corp.example");
+    Change(dn, "servicePrincipalName", "HOST/other");
+    EXPECT_EQ(Refused(host), "given");
+}
+
+TEST_F(LabProxyResets, NameThatIsTakenInItsPlaceIsRefused) {
+    MakeByAdmin(hosts, "OTHER$");
+    EXPECT_EQ(Refused(host), "5 the host's name is another one's already");
+    EXPECT_FALSE(Record(account)) << "nothing was meant to be done";
+    EXPECT_EQ(Refused(host, web), "given") << "in another place nothing has that name";
+    Disable(account);
+    EXPECT_EQ(Refused(host, web), "given") << "it is no obstacle to itself";
+}
+
+TEST_F(LabProxyResets, AccountThatSomebodyElseMakesAtThatMomentIsRefused) {
+    interference::BeforeNextChange([] { MakeByAdmin(hosts); });
+    EXPECT_THAT(WhyNoNewPassword(host), HasSubstr("somebody else has just made it"));
+}
+
+TEST_F(LabProxyResets, NameThatSomebodyElseTakesAtThatMomentIsRefused) {
+    interference::BeforeNextChange([] { MakeByAdmin(web, "OTHER$", "HOST/web1"); });
+    const Answer answer = Ask(host);
+    EXPECT_EQ(answer.code, 5u);
+    EXPECT_EQ(answer.text, "the host's name is another one's already") << answer.detail;
+    EXPECT_EQ(Count(account), 0u);
+}
+
+TEST_F(LabProxyResets, AccountThatSomebodyElseChangesAtThatMomentIsLeftAlone) {
+    for (const bool isThere : {false, true}) {
+        if (isThere)
+            Release();
+        interference::AfterNextChange([] { Change(Only(account).dn, "adminDescription", "mine"); });
+        const Answer answer = Ask(host);
+        EXPECT_EQ(answer.code, 1359u) << isThere;
+        EXPECT_EQ(answer.text, "the account was changed by somebody else meanwhile") << isThere;
+        EXPECT_EQ(Only(account).Value("adminDescription"), "mine") << isThere;
+        DeleteAccount();
+        Make(host);
+    }
 }
 
 TEST_F(LabProxyResets, AccountThatNobodyHasHeardOfForADayIsMadeAgain) {
     Make(host);
     ChangePassword(account);
     Pass(std::chrono::minutes(11));
-    directory::Session& admin = Admin();
-    admin.Ldap().Delete(Only(account).dn, admin.End());
+    DeleteAccount();
     Pass(std::chrono::hours(25));
-    const FirstToKnowIsHidden hidden;
+    const PdcEmulatorIsHidden hidden;
+    Restart();
     EXPECT_EQ(Refused(host), "given");
 }
 

@@ -3,6 +3,7 @@
 #include "proxy_interference.h"
 #include "proxy_lab.h"
 
+#include <stop_token>
 #include <thread>
 
 namespace {
@@ -11,36 +12,60 @@ using namespace tessary;
 using proxy::AccountState;
 using std::chrono::hours;
 using std::chrono::minutes;
+using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
 
 constexpr char host[] = "web1.corp.example";
 constexpr char account[] = "WEB1$";
 
-using LabProxySweep = ProxyLab;
+class LabProxySweep : public ProxyLab {
+protected:
+    static void MoveAway() {
+        const lab::Result moved =
+            lab::Run({std::getenv("TESAUTH_LAB"), "on", "dc1", "samba-tool", "computer", "move",
+                      "WEB1", "OU=Servers,DC=corp,DC=example"});
+        ASSERT_EQ(moved.status, 0) << moved.err;
+    }
+};
 
 TEST_F(LabProxySweep, UnusedAccountIsRemoved) {
     Make(host);
     Pass(minutes(9));
-    EXPECT_EQ(Count(account), 1u);
+    EXPECT_EQ(Only(account).Value("userAccountControl"), "4096");
     Pass(minutes(2));
+    EXPECT_EQ(Only(account).Value("userAccountControl"), "4098") << "that can be undone";
+    EXPECT_EQ(Record(account).value().state, AccountState::Withdrawn);
+    Pass(minutes(0));
+    EXPECT_EQ(Count(account), 1u) << "a new password may still come to light";
+    Pass(minutes(1));
     EXPECT_EQ(Count(account), 0u);
     EXPECT_FALSE(Record(account));
     EXPECT_EQ(Refused(host), "given");
+}
+
+TEST_F(LabProxySweep, HostWhosePasswordComesToLightBeforeItsAccountIsRemovedKeepsIt) {
+    Make(host);
+    Pass(minutes(11));
+    ChangePassword(account);
+    Pass(minutes(1));
+    EXPECT_EQ(Only(account).Value("userAccountControl"), "4096");
+    EXPECT_EQ(Record(account).value().state, AccountState::Taken);
 }
 
 TEST_F(LabProxySweep, TimeIsASetting) {
     settings_.unusedAfter = minutes(2);
     Make(host);
     Pass(minutes(1));
-    EXPECT_EQ(Count(account), 1u);
+    EXPECT_EQ(Only(account).Value("userAccountControl"), "4096");
     Pass(minutes(2));
-    EXPECT_EQ(Count(account), 0u);
+    EXPECT_EQ(Only(account).Value("userAccountControl"), "4098");
 }
 
 TEST_F(LabProxySweep, AccountOfAnEarlierProcessIsRemoved) {
     Make(host);
     Restart();
-    Pass(minutes(11));
+    PassUntilUnusedAreRemoved();
     EXPECT_EQ(Count(account), 0u);
 }
 
@@ -57,8 +82,8 @@ TEST_F(LabProxySweep, AccountThatAHostHadUsedIsDisabledInstead) {
     Make(host);
     ChangePassword(account);
     proxy::ReleaseAccount(stateDirectory_, host); // before the proxy knows of the host's change
-    const proxy::NewAccount again = Make(host);
-    Pass(minutes(11));
+    Make(host);
+    PassUntilUnusedAreRemoved();
     EXPECT_EQ(Only(account).Value("userAccountControl"), "4098");
     EXPECT_EQ(Record(account).value().state, AccountState::Unclaimed);
     EXPECT_EQ(Refused(host), "given") << "disabled, it is the host's for the asking";
@@ -69,26 +94,51 @@ TEST_F(LabProxySweep, AccountThatNobodyHasUsedIsRemovedAlsoAfterAReset) {
     Make(host);
     proxy::ReleaseAccount(stateDirectory_, host);
     Make(host);
-    Pass(minutes(11));
+    PassUntilUnusedAreRemoved();
     EXPECT_EQ(Count(account), 0u);
 }
 
 TEST_F(LabProxySweep, AccountWhoseMarkIsGoneIsDisabledInstead) {
     Make(host);
     Change(Only(account).dn, "adminDescription", "mine");
-    Pass(minutes(11));
+    PassUntilUnusedAreRemoved();
     EXPECT_EQ(Only(account).Value("userAccountControl"), "4098");
+    EXPECT_EQ(Record(account).value().state, AccountState::Unclaimed);
 }
 
-TEST_F(LabProxySweep, AccountThatWasMovedAwayIsLeftAlone) {
+TEST_F(LabProxySweep, AccountThatWasMovedAwayIsLeftAloneAndNamed) {
     Make(host);
-    const lab::Result moved =
-        lab::Run({std::getenv("TESAUTH_LAB"), "on", "dc1", "samba-tool", "computer", "move", "WEB1",
-                  "OU=Servers,DC=corp,DC=example"});
-    ASSERT_EQ(moved.status, 0) << moved.err;
+    MoveAway();
+    interference::TakeLog();
     Pass(minutes(11));
     EXPECT_EQ(Only(account).Value("userAccountControl"), "4096");
     EXPECT_EQ(Record(account).value().state, AccountState::Unclaimed);
+    EXPECT_THAT(interference::TakeLog(),
+                ElementsAre("account WEB1$ of web1.corp.example: no host has changed its password, "
+                            "and the one that the proxy gave it stays valid: it is left alone, "
+                            "since it was moved away: CN=WEB1,OU=Servers,DC=corp,DC=example"));
+}
+
+TEST_F(LabProxySweep, AccountThatWasMovedAwayIsNotEnabledThere) {
+    Make(host);
+    Pass(minutes(11));
+    MoveAway();
+    ChangePassword(account);
+    interference::TakeLog();
+    Pass(minutes(1));
+    EXPECT_EQ(Only(account).Value("userAccountControl"), "4098");
+    EXPECT_EQ(Record(account).value().state, AccountState::Taken);
+    EXPECT_THAT(interference::TakeLog(),
+                ElementsAre(HasSubstr("it stays disabled, since it was moved away: CN=WEB1")));
+}
+
+TEST_F(LabProxySweep, AccountThatHasGotRightsIsNotEnabled) {
+    Make(host);
+    Pass(minutes(11));
+    Change(Only(account).dn, "adminCount", "1");
+    ChangePassword(account);
+    Pass(minutes(1));
+    EXPECT_EQ(Only(account).Value("userAccountControl"), "4098");
 }
 
 TEST_F(LabProxySweep, AccountInThePlaceOfOneThatIsGoneStays) {
@@ -124,7 +174,7 @@ TEST_F(LabProxySweep, AccountWhosePasswordIsNotTheLatestYetIsLeftAlone) {
 TEST_F(LabProxySweep, NothingIsDeletedOnTheWordOfJustAnyController) {
     Make(host);
     {
-        const FirstToKnowIsHidden hidden;
+        const PdcEmulatorIsHidden hidden;
         Pass(minutes(11));
         EXPECT_EQ(Only(account).Value("userAccountControl"), "4098");
         EXPECT_EQ(Record(account).value().state, AccountState::Withdrawn);
@@ -138,7 +188,7 @@ TEST_F(LabProxySweep, NothingIsDeletedOnTheWordOfJustAnyController) {
 
 TEST_F(LabProxySweep, AccountOfWhichNoOtherControllerIsHeardStaysDisabled) {
     Make(host);
-    const FirstToKnowIsHidden hidden;
+    const PdcEmulatorIsHidden hidden;
     Pass(minutes(11));
     Pass(hours(25));
     EXPECT_EQ(Only(account).Value("userAccountControl"), "4098");
@@ -148,7 +198,7 @@ TEST_F(LabProxySweep, AccountOfWhichNoOtherControllerIsHeardStaysDisabled) {
 TEST_F(LabProxySweep, AccountThatAnotherControllerKnowsAsTakenIsEnabledAgain) {
     Make(host);
     {
-        const FirstToKnowIsHidden hidden;
+        const PdcEmulatorIsHidden hidden;
         Pass(minutes(11));
     }
     ChangePassword(account);
@@ -184,12 +234,114 @@ TEST_F(LabProxySweep, AccountThatAlwaysFailsHoldsUpNoOther) {
     Make("web2.corp.example");
     interference::BusyFor(Record(account).value().guid);
     Pass(minutes(11));
+    EXPECT_EQ(Only("WEB2$").Value("userAccountControl"), "4096") << "nobody may answer at all";
+    Pass(minutes(0));
+    EXPECT_EQ(Only(account).Value("userAccountControl"), "4096");
+    EXPECT_EQ(Only("WEB2$").Value("userAccountControl"), "4098");
+    interference::BusyFor("");
+    Pass(minutes(1));
+    EXPECT_EQ(Only(account).Value("userAccountControl"), "4098");
+}
+
+TEST_F(LabProxySweep, AccountThatIsNeverDeletedHoldsUpNoOther) {
+    Make(host);
+    Make("web2.corp.example");
+    Pass(minutes(11));
+    interference::BusyFor(Record(account).value().guid);
+    Pass(minutes(1));
+    EXPECT_EQ(Record(account).value().state, AccountState::Withdrawn);
+    EXPECT_EQ(Count("WEB2$"), 1u) << "nobody may answer at all";
     Pass(minutes(0));
     EXPECT_EQ(Count("WEB2$"), 0u);
-    EXPECT_EQ(Count(account), 1u);
     interference::BusyFor("");
-    Pass(minutes(0));
+    Pass(minutes(1));
     EXPECT_EQ(Count(account), 0u);
+}
+
+TEST_F(LabProxySweep, WhatWasGivenAgainMeanwhileIsLeftAlone) {
+    Make(host);
+    Make("web2.corp.example");
+    interference::AfterNextChange([this] { // of the first one, when both were found
+        proxy::ReleaseAccount(stateDirectory_, "web2.corp.example");
+        Make("web2.corp.example");
+    });
+    Pass(minutes(11));
+    EXPECT_EQ(Only(account).Value("userAccountControl"), "4098");
+    EXPECT_EQ(Only("WEB2$").Value("userAccountControl"), "4096");
+    EXPECT_EQ(Record("WEB2$").value().state, AccountState::Given);
+}
+
+TEST_F(LabProxySweep, WhatIsBeingMadeIsLeftAlone) {
+    interference::AfterNextChange([this] { Pass(minutes(2)); });
+    const proxy::NewAccount made = Make(host);
+    EXPECT_TRUE(Takes(account, made.password.View()));
+    EXPECT_EQ(Record(account).value().state, AccountState::Given);
+}
+
+TEST_F(LabProxySweep, EndsBetweenTwoAccounts) {
+    Make(host);
+    Make("web2.corp.example");
+    std::stop_source stop;
+    interference::AfterNextChange([&] { stop.request_stop(); });
+    Advance(minutes(11));
+    Keeper().Sweep(stop.get_token());
+    EXPECT_EQ(Only(account).Value("userAccountControl"), "4098");
+    EXPECT_EQ(Only("WEB2$").Value("userAccountControl"), "4096");
+    Keeper().Sweep(stop.get_token());
+    EXPECT_EQ(Only("WEB2$").Value("userAccountControl"), "4096");
+    Keeper().Sweep();
+    EXPECT_EQ(Only("WEB2$").Value("userAccountControl"), "4098");
+}
+
+TEST_F(LabProxySweep, AccountThatIsNotToBeSeenAfterItWasDisabledIsLookedAtAgain) {
+    Make(host);
+    const std::string guid = Record(account).value().guid;
+    interference::AfterNextChange([&] { interference::HideOnce(guid); });
+    Pass(minutes(11));
+    EXPECT_EQ(Only(account).Value("userAccountControl"), "4098");
+    EXPECT_EQ(Record(account).value().state, AccountState::Withdrawn);
+    Pass(minutes(1));
+    EXPECT_EQ(Count(account), 0u);
+}
+
+TEST_F(LabProxySweep, AccountThatAControllerDoesNotKnowIsAskedForAgainInMinutes) {
+    Make(host);
+    interference::HideOnce(Record(account).value().guid);
+    Pass(minutes(11));
+    EXPECT_EQ(Only(account).Value("userAccountControl"), "4096");
+    Pass(minutes(5));
+    EXPECT_EQ(Only(account).Value("userAccountControl"), "4098");
+}
+
+TEST_F(LabProxySweep, AccountWhoseGroupsAreNotToldIsTriedAgain) {
+    Make(host);
+    interference::TakeLog();
+    for (int i = 0; i < 3; ++i) {
+        interference::HideOnce("tokenGroups");
+        Pass(minutes(i == 0 ? 11 : 1));
+        EXPECT_EQ(Record(account).value().state, AccountState::Given) << i;
+    }
+    EXPECT_THAT(interference::TakeLog(), ElementsAre("account WEB1$: cannot read which groups "
+                                                     "CN=WEB1,OU=Hosts,DC=corp,DC=example is in"))
+        << "it is said once";
+    Pass(minutes(1));
+    EXPECT_EQ(Only(account).Value("userAccountControl"), "4098");
+}
+
+TEST_F(LabProxySweep, ChangeThatIsRefusedForGoodIsSaidOnce) {
+    Make(host);
+    interference::TakeLog();
+    for (int i = 0; i < 3; ++i) {
+        interference::RefuseNextChange();
+        Pass(minutes(i == 0 ? 11 : 1));
+        EXPECT_EQ(Only(account).Value("userAccountControl"), "4096");
+    }
+    EXPECT_THAT(interference::TakeLog(), ElementsAre(HasSubstr("Insufficient access")));
+    Pass(minutes(1));
+    EXPECT_EQ(Only(account).Value("userAccountControl"), "4098");
+    interference::TakeLog();
+    Pass(minutes(0));
+    EXPECT_THAT(interference::TakeLog(), IsEmpty());
 }
 
 TEST_F(LabProxySweep, AccountThatHasGotRightsIsLeftAlone) {
@@ -205,8 +357,9 @@ TEST_F(LabProxySweep, AccountThatCannotBeDeletedIsDisabled) {
     directory::Session& admin = Admin();
     admin.Ldap().Add("CN=below," + Only(account).dn,
                      {{LDAP_MOD_ADD, "objectClass", {"serviceConnectionPoint"}}}, admin.End());
-    Pass(minutes(11));
+    PassUntilUnusedAreRemoved();
     EXPECT_EQ(Only(account).Value("userAccountControl"), "4098");
+    EXPECT_EQ(Record(account).value().state, AccountState::Unclaimed);
 }
 
 TEST_F(LabProxySweep, AccountsAreLookedAtLaterWhenNoControllerAnswers) {
@@ -215,8 +368,8 @@ TEST_F(LabProxySweep, AccountsAreLookedAtLaterWhenNoControllerAnswers) {
     Pass(minutes(11));
     EXPECT_EQ(Record(account).value().state, AccountState::Given);
     lab::Lab({"start", "dc1"});
-    Pass(minutes(0));
-    EXPECT_EQ(Count(account), 0u);
+    Pass(minutes(1));
+    EXPECT_EQ(Only(account).Value("userAccountControl"), "4098");
 }
 
 TEST_F(LabProxySweep, ProxyLooksAfterItsAccountsByItself) {
@@ -224,9 +377,10 @@ TEST_F(LabProxySweep, ProxyLooksAfterItsAccountsByItself) {
     Make(host);
     End();
     const auto accounts = proxy::OpenDirectoryAccounts(settings_); // sets out at once
-    for (int i = 0; i < 600 && Count(account) != 0; ++i)
+    const auto isEnabled = [] { return Only(account).Value("userAccountControl") == "4096"; };
+    for (int i = 0; i < 600 && isEnabled(); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(Count(account), 0u);
+    EXPECT_FALSE(isEnabled());
     EXPECT_EQ(accounts->Domain().netbiosName, "CORP");
     EXPECT_EQ(accounts->Create(host, "").accountName, account);
 }

@@ -64,13 +64,6 @@ protected:
 
     void Sql(const std::string& text) { AccountDatabase(file_).Execute(text, "test"); }
 
-    static std::vector<std::string> Names(const std::vector<AccountRecord>& records) {
-        std::vector<std::string> names;
-        for (const AccountRecord& record : records)
-            names.push_back(record.account);
-        return names;
-    }
-
     /// Runs a function in a process of another user; its result is the process's.
     static int AsSomebody(const std::function<int()>& function) {
         const pid_t process = fork();
@@ -113,12 +106,16 @@ TEST_F(ProxyAccountRecords, TimeComesInItsOrder) {
     records.Put(One("SOON$", "soon"), At(10));
     records.Put(One("NEVER$", "never"), std::nullopt);
     EXPECT_THAT(records.Due(At(9)), IsEmpty());
-    EXPECT_THAT(Names(records.Due(At(10))), ElementsAre("SOON$"));
-    EXPECT_THAT(Names(records.Due(At(1'000'000))), ElementsAre("SOON$", "LATE$"));
+    EXPECT_THAT(records.Due(At(10)), ElementsAre("SOON$"));
+    EXPECT_THAT(records.Due(At(1'000'000)), ElementsAre("SOON$", "LATE$"));
     records.Postpone("SOON$", At(40));
-    EXPECT_THAT(Names(records.Due(At(1'000'000))), ElementsAre("LATE$", "SOON$"));
+    EXPECT_THAT(records.Due(At(1'000'000)), ElementsAre("LATE$", "SOON$"));
+    EXPECT_EQ(records.FindDue("soon$", At(40)).value().host, "soon");
+    EXPECT_FALSE(records.FindDue("SOON$", At(39)));
+    EXPECT_FALSE(records.FindDue("NEVER$", At(1'000'000)));
+    EXPECT_FALSE(records.FindDue("OTHER$", At(1'000'000)));
     records.Remove("LATE$");
-    EXPECT_THAT(Names(records.Due(At(1'000'000))), ElementsAre("SOON$"));
+    EXPECT_THAT(records.Due(At(1'000'000)), ElementsAre("SOON$"));
 }
 
 TEST_F(ProxyAccountRecords, ReleaseStaysUntilThePasswordIsNew) {

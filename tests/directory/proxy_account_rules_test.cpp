@@ -47,7 +47,8 @@ AccountRecord Known() {
 
 std::optional<std::string> Why(const AccountFacts& account,
                                const std::optional<AccountRecord>& record, int hours = 0) {
-    const auto objection = WhyNotReset(account, record, host, {hosts, std::chrono::hours(hours)},
+    const auto objection = WhyNotReset(account, record, host,
+                                       {hosts, std::chrono::hours(hours), std::chrono::minutes(10)},
                                        std::chrono::system_clock::from_time_t(now));
     return objection ? std::optional(objection->reason) : std::nullopt;
 }
@@ -99,12 +100,12 @@ TEST(ProxyAccountRules, ElevatedAccounts) {
 TEST(ProxyAccountRules, ElevatedGroups) {
     const std::string domain = "S-1-5-21-1-2-512-";
     for (const char* number :
-         {"498", "512", "516", "518", "519", "520", "521", "522", "526", "527"})
+         {"498", "512", "516", "517", "518", "519", "520", "521", "522", "526", "527"})
         EXPECT_TRUE(IsElevatedGroup(domain + number)) << number;
-    for (const char* number : {"513", "515", "517", "523", "525", "1512", "5120", "1104", ""})
+    for (const char* number : {"513", "515", "523", "525", "1512", "5120", "1104", ""})
         EXPECT_FALSE(IsElevatedGroup(domain + number)) << number;
     for (const char* group : {"S-1-5-32-544", "S-1-5-32-548", "S-1-5-32-549", "S-1-5-32-550",
-                              "S-1-5-32-551", "S-1-5-32-552"})
+                              "S-1-5-32-551", "S-1-5-32-552", "S-1-5-32-557"})
         EXPECT_TRUE(IsElevatedGroup(group)) << group;
     for (const char* group :
          {"", "S-1-5-32-545", "S-1-5-32-554", "S-1-5-32-512", "S-1-5-11", "S-1-1-0", "512"})
@@ -112,7 +113,7 @@ TEST(ProxyAccountRules, ElevatedGroups) {
 }
 
 TEST(ProxyAccountRules, OnlyTheHostOfAnAccountHearsWhyItGetsNone) {
-    const AccountRules rules{hosts, std::chrono::hours(0)};
+    const AccountRules rules{hosts, std::chrono::hours(0), std::chrono::minutes(10)};
     const auto at = std::chrono::system_clock::from_time_t(now);
     EXPECT_TRUE(WhyNotReset(Plain(), Known(), host, rules, at).value().forHost);
     EXPECT_FALSE(WhyNotReset(Plain(), std::nullopt, host, rules, at).value().forHost);
@@ -127,6 +128,38 @@ TEST(ProxyAccountRules, OnlyTheHostOfAnAccountHearsWhyItGetsNone) {
 
 TEST(ProxyAccountRules, AccountInUse) {
     EXPECT_THAT(Why(Plain(), Known()), Optional(HasSubstr("is in use")));
+}
+
+TEST(ProxyAccountRules, AccountThatWasGivenAMomentAgo) {
+    AccountRecord given = Known();
+    given.state = AccountState::Given;
+    given.passwordSet = Plain().passwordSet;
+    const auto text = [](const std::string& time) {
+        return Optional("was given to this host a moment ago: it is removed again in " + time +
+                        " unless the host takes it over, the host can ask again then, and an "
+                        "administrator of the proxy can allow it at once with 'tesauth-apxd "
+                        "release web1.corp.example'");
+    };
+    const struct {
+        std::int64_t age; // seconds
+        const char* left;
+    } cases[] = {{0, "10 minutes"},  {1, "10 minutes"},  {60, "9 minutes"},
+                 {479, "3 minutes"}, {480, "2 minutes"}, {540, "1 minute"},
+                 {599, "1 minute"},  {600, "1 minute"},  {7200, "1 minute"}};
+    for (const auto& each : cases) {
+        given.started = now - each.age;
+        EXPECT_THAT(Why(Plain(), given), text(each.left)) << each.age;
+    }
+    const AccountRules rules{hosts, std::chrono::hours(0), std::chrono::minutes(10)};
+    const auto at = std::chrono::system_clock::from_time_t(now);
+    EXPECT_TRUE(WhyNotReset(Plain(), given, host, rules, at).value().forHost);
+    EXPECT_FALSE(WhyNotReset(Plain(), given, "web1.x.example", rules, at).value().forHost);
+
+    given.passwordSet = FileTime(now - 3601);
+    EXPECT_THAT(Why(Plain(), given), Optional(HasSubstr("is in use"))) << "its host has taken it";
+    given.passwordSet = Plain().passwordSet;
+    given.released = true;
+    EXPECT_EQ(Why(Plain(), given), std::nullopt);
 }
 
 TEST(ProxyAccountRules, DisabledReleasedOrOld) {

@@ -31,13 +31,13 @@ std::string MakeFolder() {
 
 } // namespace
 
-FirstToKnowIsHidden::FirstToKnowIsHidden() {
+PdcEmulatorIsHidden::PdcEmulatorIsHidden() {
     std::ifstream before(nameServersFile);
     nameServers_.assign(std::istreambuf_iterator<char>(before), {});
     lab::UseOwnNameServer("host1");
 }
 
-FirstToKnowIsHidden::~FirstToKnowIsHidden() {
+PdcEmulatorIsHidden::~PdcEmulatorIsHidden() {
     std::ofstream(nameServersFile) << nameServers_;
     lab::Run({"sh", "-c", "kill $(cat /run/dnsmasq.pid)"});
 }

@@ -12,13 +12,14 @@
 
 #include <gmock/gmock.h>
 
-/// While it lives, this host cannot tell which controller is the first to know of new passwords.
-class FirstToKnowIsHidden {
+/// While it lives, this host cannot tell which controller is the PDC emulator. Sessions that were
+/// kept are at it nevertheless.
+class PdcEmulatorIsHidden {
 public:
-    FirstToKnowIsHidden();
-    FirstToKnowIsHidden(const FirstToKnowIsHidden&) = delete;
-    FirstToKnowIsHidden& operator=(const FirstToKnowIsHidden&) = delete;
-    ~FirstToKnowIsHidden();
+    PdcEmulatorIsHidden();
+    PdcEmulatorIsHidden(const PdcEmulatorIsHidden&) = delete;
+    PdcEmulatorIsHidden& operator=(const PdcEmulatorIsHidden&) = delete;
+    ~PdcEmulatorIsHidden();
 
 private:
     std::string nameServers_;
@@ -53,10 +54,17 @@ protected:
     };
     Answer Ask(const std::string& host, const std::string& container = "");
 
-    /// Lets time pass, as the proxy sees it, and has it look after its accounts.
+    /// Lets time pass, as the proxy sees it.
+    void Advance(std::chrono::minutes time) { passed_ += time; }
+    /// The same, and has it look after its accounts.
     void Pass(std::chrono::minutes time);
+    /// The same until an account that no host has taken over is disabled and looked at again.
+    void PassUntilUnusedAreRemoved() {
+        Pass(std::chrono::minutes(11));
+        Pass(std::chrono::minutes(1));
+    }
 
-    /// What the proxy's record has of an account; its state as text, or "none".
+    /// What the proxy's record has of an account.
     std::optional<tessary::proxy::AccountRecord> Record(const std::string& account);
 
     /// A session with all rights.

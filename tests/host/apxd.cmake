@@ -4,6 +4,7 @@ find_package(nlohmann_json REQUIRED)
 add_library(tesauth_apxd_test STATIC
   ${CMAKE_CURRENT_LIST_DIR}/apxd_client.cpp
   ${CMAKE_CURRENT_LIST_DIR}/apxd_fixture.cpp)
+target_include_directories(tesauth_apxd_test PUBLIC ${CMAKE_CURRENT_LIST_DIR})
 target_link_libraries(tesauth_apxd_test PUBLIC tesauth_proxy_server GTest::gmock)
 
 tesauth_host_test(apxd_input_test

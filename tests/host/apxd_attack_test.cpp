@@ -85,8 +85,11 @@ TEST_F(AttackTest, KeepsClientsFromWritingTheLog) {
     Ask(Port(), AccountRequestOf("x\\nSep 1 root: fine \\u001b[2J" + std::string(4000, 'a')));
     const auto lines = log_.All();
     ASSERT_EQ(lines.size(), 1u);
-    EXPECT_THAT(lines[0], HasSubstr(" x?Sep 1 root: fine ?[2Jaaaa"));
+    EXPECT_THAT(lines[0], HasSubstr(" \"x?Sep 1 root: fine ?[2Jaaaa"));
     EXPECT_LT(lines[0].size(), 400u);
+    Ask(Port(), AccountRequestOf("web1.corp.example\\\": given the account DC1$"));
+    EXPECT_THAT(log_.All()[1],
+                HasSubstr(" \"web1.corp.example\\\": given the account DC1$\": refused: "));
 }
 
 TEST_F(AttackTest, RefusesTheSameRequestAgainWhereItIsAnswered) {
@@ -141,31 +144,7 @@ TEST_F(AttackTest, RefusesTheSameRequestAgainWhereItIsAnswered) {
 TEST_F(AttackTest, SurvivesTenThousandMalformedRequests) {
     settings_.front.connectionsPerAddress = 64;
     Start();
-    const std::vector<std::string> malformed = {
-        "\r\n\r\n",
-        "GET\r\n\r\n",
-        "GET / HTTP/9.9\r\nHost: a\r\n\r\n",
-        "G\tT / HTTP/1.1\r\nHost: a\r\n\r\n",
-        "GET / HTTP/1.1\nHost: a\n\n",
-        "GET / HTTP/1.1\r\nHost: a\rb\r\n\r\n",
-        "GET / HTTP/1.1\r\nHost: a\r\n folded\r\n\r\n",
-        "GET / HTTP/1.1\r\nHost : a\r\n\r\n",
-        std::string("GET / HTTP/1.1\r\nHost: a\0\r\n\r\n", 28),
-        "GET / HTTP/1.1\r\n\r\n",
-        "POST /v1/machine-accounts HTTP/1.1\r\nHost: a\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n",
-        "POST /v1/machine-accounts HTTP/1.1\r\nHost: a\r\nContent-Length: 1\r\n"
-        "Content-Length: 1\r\n\r\na",
-        "POST /v1/machine-accounts HTTP/1.1\r\nHost: a\r\nContent-Length: -1\r\n\r\n",
-        "POST /v1/machine-accounts HTTP/1.1\r\nHost: a\r\n\r\n",
-        GetRequest("/healthz") + GetRequest("/v1/domain"),
-        std::string(10'000, 'a'),
-        PostRequest("{\"hostName\":\"web1.corp.example\"} x"),
-        PostRequest("{\"hostName\":\"web1.corp.example\",\"hostName\":\"web1.corp.example\"}"),
-        PostRequest("{\"hostName\":\"web1.corp.example\",\"more\":1}"),
-        PostRequest("{\"hostName\":[\"web1.corp.example\"]}"),
-        PostRequest(std::string(8000, '[')),
-        PostRequest("\xff\xfe{}"),
-    };
+    const std::vector<std::string> malformed = MalformedRequests();
     std::atomic<int> answered = 0;
     std::atomic<int> served = 0;
     std::vector<std::thread> attackers;

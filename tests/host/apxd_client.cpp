@@ -96,6 +96,24 @@ bool IsEnded(int socket) {
     return false;
 }
 
+std::string UnfinishedGreeting() {
+    constexpr std::size_t longest = 131'000;
+    constexpr std::size_t mostInRecord = 16'384;
+    const auto number = [](std::size_t value, int bytes) {
+        std::string text;
+        for (int i = bytes - 1; i >= 0; --i)
+            text += static_cast<char>(value >> (8 * i));
+        return text;
+    };
+    const std::string message = '\x01' + number(longest, 3) + std::string(longest - 1, '\0');
+    std::string records;
+    for (std::size_t begin = 0; begin < message.size(); begin += mostInRecord) {
+        const std::string part = message.substr(begin, mostInRecord);
+        records += "\x16\x03\x01" + number(part.size(), 2) + part;
+    }
+    return records;
+}
+
 std::string Reply::Code() const {
     const std::string name = "\"code\":";
     const std::size_t begin = body.find(name);
@@ -181,6 +199,34 @@ std::string PostRequest(const std::string& body, const std::string& path) {
 
 std::string AccountRequestOf(const std::string& hostName) {
     return PostRequest("{\"hostName\":\"" + hostName + "\"}");
+}
+
+std::vector<std::string> MalformedRequests() {
+    return {
+        "\r\n\r\n",
+        "GET\r\n\r\n",
+        "GET / HTTP/9.9\r\nHost: a\r\n\r\n",
+        "G\tT / HTTP/1.1\r\nHost: a\r\n\r\n",
+        "GET / HTTP/1.1\nHost: a\n\n",
+        "GET / HTTP/1.1\r\nHost: a\rb\r\n\r\n",
+        "GET / HTTP/1.1\r\nHost: a\r\n folded\r\n\r\n",
+        "GET / HTTP/1.1\r\nHost : a\r\n\r\n",
+        std::string("GET / HTTP/1.1\r\nHost: a\0\r\n\r\n", 28),
+        "GET / HTTP/1.1\r\n\r\n",
+        "POST /v1/machine-accounts HTTP/1.1\r\nHost: a\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n",
+        "POST /v1/machine-accounts HTTP/1.1\r\nHost: a\r\nContent-Length: 1\r\n"
+        "Content-Length: 1\r\n\r\na",
+        "POST /v1/machine-accounts HTTP/1.1\r\nHost: a\r\nContent-Length: -1\r\n\r\n",
+        "POST /v1/machine-accounts HTTP/1.1\r\nHost: a\r\n\r\n",
+        GetRequest("/healthz") + GetRequest("/v1/domain"),
+        std::string(10'000, 'a'),
+        PostRequest("{\"hostName\":\"web1.corp.example\"} x"),
+        PostRequest("{\"hostName\":\"web1.corp.example\",\"hostName\":\"web1.corp.example\"}"),
+        PostRequest("{\"hostName\":\"web1.corp.example\",\"more\":1}"),
+        PostRequest("{\"hostName\":[\"web1.corp.example\"]}"),
+        PostRequest(std::string(8000, '[')),
+        PostRequest("\xff\xfe{}"),
+    };
 }
 
 } // namespace apxd_test

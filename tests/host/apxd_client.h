@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "directory/unique_fd.h"
 
@@ -24,6 +25,9 @@ tessary::directory::UniqueFd ConnectFrom(const std::string& from, std::uint16_t 
 /// Sends what it can without waiting; a connection that is gone takes nothing.
 /// \return whether all was taken
 bool SendRaw(int socket, std::string_view text);
+
+/// The longest greeting that TLS takes, but for its last byte.
+std::string UnfinishedGreeting();
 
 /// What arrives until the server ends the connection, or all that came when it was reset.
 std::string ReceiveRaw(int socket);
@@ -77,6 +81,8 @@ Reply Ask(std::uint16_t port, std::string_view request, const std::string& from 
 
 std::string GetRequest(const std::string& path);
 std::string PostRequest(const std::string& body, const std::string& path = "/v1/machine-accounts");
+/// Each with a fault of its own.
+std::vector<std::string> MalformedRequests();
 /// The request that an honest host sends.
 std::string AccountRequestOf(const std::string& hostName);
 

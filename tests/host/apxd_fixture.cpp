@@ -140,19 +140,20 @@ void ServerTest::Start() {
         log_.Sink());
 }
 
-std::vector<IpAddress> ServerTest::LookUp(const std::string& host) const {
+KnownAddresses ServerTest::LookUp(const std::string& host) const {
     ++looksUp_;
-    std::vector<IpAddress> addresses;
+    KnownAddresses known;
     const auto place = names_.find(host);
     if (place == names_.end())
-        return addresses;
+        return known;
     for (const std::string& text : place->second) {
         if (text == "fails")
-            throw tessary::directory::Error(tessary::directory::Status::NoController,
-                                            "no name server answers");
-        addresses.push_back(*IpAddress::Parse(text));
+            known.failure.emplace(tessary::directory::Status::NoController,
+                                  "no name server answers");
+        else
+            known.addresses.push_back(*IpAddress::Parse(text));
     }
-    return addresses;
+    return known;
 }
 
 void ServerTest::TearDown() {

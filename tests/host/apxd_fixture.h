@@ -99,7 +99,7 @@ protected:
     mutable std::atomic<int> looksUp_ = 0; ///< how often
 
 private:
-    std::vector<tessary::proxy::IpAddress> LookUp(const std::string& host) const;
+    tessary::proxy::KnownAddresses LookUp(const std::string& host) const;
 
     Holdings before_;
 };

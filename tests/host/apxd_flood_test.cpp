@@ -1,9 +1,27 @@
 #include "apxd_fixture.h"
 
+#include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <thread>
+
+namespace {
+std::atomic<bool> nothingMoreToWatch = false;
+}
+
+/// In place of the C library's, so that the system can seem to watch no descriptor more.
+extern "C" int epoll_ctl(int epoll, int operation, int fd, epoll_event* event) noexcept {
+    if (operation == EPOLL_CTL_ADD && nothingMoreToWatch) {
+        errno = ENOSPC;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_epoll_ctl, epoll, operation, fd, event));
+}
 
 /// More connections and requests than there may be, and slower ones. Honest hosts are served all
 /// the while.
@@ -122,6 +140,35 @@ TEST_F(FloodTest, ServesWhenDescriptorsRunOut) {
     EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
     EXPECT_EQ(log_.Count("closed: made room"), 1u);
     EXPECT_TRUE(IsEnded(slow.front()->Socket()));
+}
+
+TEST_F(FloodTest, ServesOnceTheSystemCanWatchMoreAgain) {
+    Start();
+    nothingMoreToWatch = true;
+    EXPECT_TRUE(IsEnded(ConnectFrom("127.0.0.1", Port()).Get()));
+    nothingMoreToWatch = false;
+    EXPECT_EQ(server_->Connections(), 0u);
+    EXPECT_EQ(ServeHonestHost(), 201);
+    EXPECT_EQ(log_.Count("closed: too many connections: cannot wait for connections: "), 1u);
+}
+
+TEST_F(FloodTest, HoldsUnfinishedGreetingsInTheMemoryThatIsAllowedFor) {
+    constexpr std::size_t allowedForEach = 200 * 1024; // by the service's limit on memory
+    constexpr std::size_t count = 200;
+    Start();
+    ASSERT_EQ(ServeHonestHost(), 201);
+    const std::string greeting = UnfinishedGreeting();
+    const std::size_t before = ResidentBytes();
+    std::vector<tessary::directory::UniqueFd> clients;
+    for (std::size_t i = 0; i < count; ++i) {
+        clients.push_back(ConnectFrom("127.0.0.1", Port()));
+        ASSERT_EQ(send(clients.back().Get(), greeting.data(), greeting.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(greeting.size()));
+    }
+    EXPECT_EQ(ServeHonestHost(), 201);
+    EXPECT_GE(server_->Connections(), count) << "they were to be held";
+    EXPECT_LT(ResidentBytes(), before + count * allowedForEach);
+    RecordProperty("kibibytes", std::to_string((ResidentBytes() - before) / count / 1024));
 }
 
 TEST_F(FloodTest, RefusesAnAddressThatAsksTooOften) {

@@ -236,8 +236,26 @@ TEST_F(ProgramTest, ChecksAndChangesNothing) {
     const Result result = Apxd({"--check"});
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_THAT(result.out, HasSubstr("certificate.pem is made at the first start"));
+    EXPECT_THAT(result.out, HasSubstr("root looked; whether the proxy's user"));
     EXPECT_THAT(result.out, HasSubstr("allowed_networks is empty: everybody is refused"));
     EXPECT_FALSE(std::filesystem::exists(state));
+}
+
+TEST_F(ProgramTest, SaysWhatIsOpenToEverybody) {
+    const std::string everyAddress = "a network of all addresses: everybody may ask";
+    const std::string everyHost = "whoever may ask can have the account of any host";
+    for (const char* network : {"0.0.0.0/0", "::/0"}) {
+        Configure("allowed_networks = [\"192.0.2.0/24\", \"" + std::string(network) + "\"]\n");
+        EXPECT_THAT(Apxd({"--check"}).out, HasSubstr(everyAddress)) << network;
+    }
+    Configure(
+        "allowed_networks = [\"0.0.0.0/1\", \"::/1\"]\nhosts_without_forward_entry = [\"*\"]\n");
+    const std::string found = Apxd({"--check"}).out;
+    EXPECT_THAT(found, AllOf(HasSubstr(everyHost), Not(HasSubstr(everyAddress))));
+    const NotifySocket manager;
+    const Process process({}, manager.path);
+    ASSERT_EQ(manager.Next(), "READY=1");
+    EXPECT_TRUE(log_.Wait(everyHost));
 }
 
 TEST_F(ProgramTest, TellsEveryFaultOfTheConfiguration) {
@@ -260,6 +278,7 @@ TEST_F(ProgramTest, TellsEveryFaultOfTheConfiguration) {
 TEST_F(ProgramTest, ChecksTheKeytab) {
     Write(keytab, KeytabOf("svc-apxd"), 0644);
     ExpectFault("is open to every user");
+    EXPECT_THAT(Apxd({}).err, HasSubstr("is open to every user")) << "it does not serve either";
     Write(keytab, KeytabOf("other"), 0600);
     ExpectFault("has no key of svc-apxd");
     Write(keytab, "nonsense", 0600);
@@ -359,7 +378,9 @@ TEST_F(ProgramTest, RunsAsAUserOfItsOwn) {
     std::filesystem::create_directory(state);
     chown(state.c_str(), nobody, nobody);
     chmod(state.c_str(), 0700);
-    EXPECT_EQ(Apxd({"--check"}).status, 0) << "root looks as that user";
+    const Result looked = Apxd({"--check"});
+    EXPECT_EQ(looked.status, 0) << "root looks as that user";
+    EXPECT_THAT(looked.out, Not(HasSubstr("root looked")));
     EXPECT_THAT(Apxd({}).err, HasSubstr("belongs to the user 65534")) << "root would spoil it";
     const NotifySocket manager;
     Process process({}, manager.path, nobody);

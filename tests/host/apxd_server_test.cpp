@@ -55,7 +55,7 @@ TEST_F(ServiceTest, GivesAnAccountAndLogsWhoGotIt) {
     EXPECT_THAT(accounts_.Asked(), ElementsAre("web1.corp.example|Hosts/Web"));
     EXPECT_THAT(log_.All(),
                 ElementsAre(AllOf(StartsWith("127.0.0.1:"),
-                                  EndsWith(" WEB1.corp.example.: given the account WEB1$"),
+                                  EndsWith(" web1.corp.example: given the account WEB1$"),
                                   Not(HasSubstr(ScriptedAccounts::password)))));
 }
 
@@ -117,6 +117,13 @@ TEST_F(ServiceTest, GivesNothingWhileNamesCannotBeLookedUp) {
     ExpectRefused(Ask(Port(), AccountRequestOf("web1.corp.example")), 500, "1359");
     EXPECT_THAT(accounts_.Asked(), IsEmpty());
     EXPECT_THAT(log_.All(), ElementsAre(HasSubstr("(no name server answers)")));
+}
+
+TEST_F(ServiceTest, TakesAHostAtTheAddressThatIsKnownWhileOthersAreNot) {
+    names_["web1.corp.example"] = {"127.0.0.1", "fails"};
+    names_["honest.corp.example"] = {"127.0.0.9", "fails"};
+    EXPECT_EQ(Ask(Port(), AccountRequestOf("web1.corp.example")).status, 201);
+    ExpectRefused(Ask(Port(), AccountRequestOf("honest.corp.example")), 500, "1359");
 }
 
 TEST_F(ServiceTest, TakesAnyOfAHostsAddresses) {
