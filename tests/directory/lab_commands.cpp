@@ -99,6 +99,10 @@ std::vector<Entry> ParseEntries(const std::string& text) {
     return entries;
 }
 
+Words UnderClock(const std::string& clock) {
+    return {"env", "LD_PRELOAD=/usr/$LIB/faketime/libfaketime.so.1", "FAKETIME=" + clock};
+}
+
 } // namespace
 
 std::string Setting(const std::string& name) {
@@ -181,6 +185,19 @@ Words WordsOn(const std::string& host, const Words& words) {
 
 Result RunOn(const std::string& host, const Words& words, const std::string& input) {
     return Run(WordsOn(host, words), input);
+}
+
+Words WithClock(const std::string& offset, const Words& command) {
+    Words words = UnderClock(offset);
+    words.push_back("DONT_FAKE_MONOTONIC=1");
+    words.insert(words.end(), command.begin(), command.end());
+    return words;
+}
+
+Words InHaste(int times, const Words& command) {
+    Words words = UnderClock("+0 x" + std::to_string(times));
+    words.insert(words.end(), command.begin(), command.end());
+    return words;
 }
 
 Result Ctl(const std::string& host, const Words& words, const std::string& input) {

@@ -58,6 +58,11 @@ void Lab(const Words& words);
 Words WordsOn(const std::string& host, const Words& words);
 Result RunOn(const std::string& host, const Words& words, const std::string& input = "");
 
+/// The words that run a command under a clock that is off by so much.
+Words WithClock(const std::string& offset, const Words& command);
+/// The words that run a command for which all time limits pass so many times as fast.
+Words InHaste(int times, const Words& command);
+
 /// Runs `tesauthctl` on a host.
 Result Ctl(const std::string& host, const Words& words, const std::string& input = "");
 

@@ -5,6 +5,7 @@
 namespace lab_diagnosis {
 namespace {
 
+using lab::WithClock;
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -12,13 +13,6 @@ using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::Not;
 const std::string latency = "[0-9]+[.][0-9] ms";
-
-/// The words that run a command under a clock that is off by so much.
-Words WithClock(const std::string& offset, const Words& command) {
-    return Words{"env", "LD_PRELOAD=/usr/$LIB/faketime/libfaketime.so.1", "FAKETIME=" + offset,
-                 "DONT_FAKE_MONOTONIC=1"} +
-           command;
-}
 
 /// A second network of a host, with the way to everywhere else in two halves, which goes before a
 /// default one; gone at the end.

@@ -12,6 +12,7 @@ namespace {
 
 using lab::Result;
 using lab::Setting;
+using lab::WithClock;
 using lab::Words;
 using testing::IsEmpty;
 
@@ -103,14 +104,6 @@ std::map<std::string, std::set<std::string>>& Printed() {
 
 Words JoinWords(const std::string& path, const std::string& user) {
     return {"tesauthctl", "join", path, "-U", user, "--password-stdin", "--json"};
-}
-
-/// The words that run a command under a clock that is off by so much.
-Words WithClock(const std::string& offset, const Words& command) {
-    Words words{"env", "LD_PRELOAD=/usr/$LIB/faketime/libfaketime.so.1", "FAKETIME=" + offset,
-                "DONT_FAKE_MONOTONIC=1"};
-    words.insert(words.end(), command.begin(), command.end());
-    return words;
 }
 
 class LabFailures : public testing::Test {

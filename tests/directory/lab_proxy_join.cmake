@@ -12,13 +12,25 @@ tesauth_lab_test(lab_proxy_join
   LIBRARIES tesauth_proxy_machine
   HOSTS 2)
 target_compile_definitions(lab_proxy_join PRIVATE
-                           SPYING_PROXY_FILE="$<TARGET_FILE:spying_proxy>")
+                           SPYING_PROXY_FILE="$<TARGET_FILE:spying_proxy>"
+                           MIDDLEMAN_FILE="${PROJECT_SOURCE_DIR}/tests/support/middleman.py")
 add_dependencies(lab_proxy_join spying_proxy)
 
-# It takes minutes, and what it tells is how long the hosts take.
+# They take minutes, and what they tell is how long hosts take.
 if(TESAUTH_BENCH)
   tesauth_lab_test(lab_proxy_fleet
     SOURCES lab_proxy_fleet_test.cpp
     LIBRARIES tesauth_proxy_machine
     HOSTS 201 LABELS slow TIMEOUT 600)
+  add_executable(lab_proxy_attacker ${CMAKE_CURRENT_LIST_DIR}/lab_proxy_attacker.cpp)
+  target_link_libraries(lab_proxy_attacker PRIVATE tesauth_apxd_test)
+  set_target_properties(lab_proxy_attacker PROPERTIES
+    RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests/bin)
+  tesauth_lab_test(lab_proxy_attack
+    SOURCES lab_proxy_attack_test.cpp
+    LIBRARIES tesauth_proxy_machine
+    HOSTS 2 LABELS slow TIMEOUT 600)
+  target_compile_definitions(lab_proxy_attack PRIVATE
+                             LAB_PROXY_ATTACKER_FILE="$<TARGET_FILE:lab_proxy_attacker>")
+  add_dependencies(lab_proxy_attack lab_proxy_attacker)
 endif()

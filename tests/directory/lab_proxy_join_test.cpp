@@ -2,17 +2,19 @@
 
 #include "lab_proxy_machine.h"
 
+#include <sstream>
 #include <string>
 
 #include <gmock/gmock.h>
 
 namespace {
 
+using lab::Command;
 using lab::ProxyMachine;
 using lab::Result;
 using lab::Setting;
 using lab::Words;
-using testing::ElementsAre;
+using testing::Each;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
@@ -56,9 +58,13 @@ class LabProxyJoin : public testing::Test {
 protected:
     void SetUp() override {
         lab::MakeClient("host1");
+        DeleteComputers();
+        ASSERT_THAT(Computers(), IsEmpty());
+    }
+
+    static void DeleteComputers() {
         for (const std::string& left : Computers())
             lab::Lab({"on", "dc1", "samba-tool", "computer", "delete", left});
-        ASSERT_THAT(Computers(), IsEmpty());
     }
 
     void Trust(const ProxyMachine& proxy) { lab::ImportCertificate("host1", proxy.Certificate()); }
@@ -190,6 +196,131 @@ TEST_F(LabProxyJoin, ProxyThatIsGoneOrHangs) {
     proxy.Start();
     const Result back = Join(proxy);
     EXPECT_EQ(back.status, 0) << back.err;
+}
+
+/// Someone on the way to the proxy, whom the host takes for it at its own address 127.0.0.1.
+class Middleman {
+public:
+    static constexpr const char* address = "127.0.0.1";
+
+    explicit Middleman(const ProxyMachine& proxy, const Words& more = {})
+        : command_(WordsFor(proxy, more)) {
+        command_.AwaitOutput();
+    }
+
+    /// Ends it.
+    /// \return what it reports, by line
+    Words Finish() {
+        const Result ended = command_.Finish();
+        EXPECT_EQ(ended.status, 0) << ended.err;
+        std::istringstream report(On({"cat", "/run/middleman"}).out);
+        Words lines;
+        for (std::string line; std::getline(report, line);)
+            lines.push_back(line);
+        return lines;
+    }
+
+private:
+    static Words WordsFor(const ProxyMachine& proxy, const Words& more) {
+        On({"rm", "-f", "/run/middleman"});
+        Words words = {"python3", MIDDLEMAN_FILE, proxy.Address(), "/run/middleman"};
+        words.insert(words.end(), more.begin(), more.end());
+        return lab::WordsOn("host1", words);
+    }
+
+    Command command_;
+};
+
+const Words joinThroughMiddleman = {"tesauthctl", "join", "--proxy", Middleman::address};
+
+/// A connection of a join, and how much of what the proxy says in it reaches the host.
+struct Cut {
+    std::size_t connection;
+    long bytes;
+};
+
+/// Moments of all connections that a join makes: at the begin, in the handshake, in the answer.
+std::vector<Cut> MomentsOfAJoin(const ProxyMachine& proxy) {
+    Middleman middleman(proxy);
+    const Result joined = On(joinThroughMiddleman);
+    EXPECT_EQ(joined.status, 0) << joined.err;
+    const Words report = middleman.Finish();
+    EXPECT_GE(report.size(), 4u) << "a join asks about the domain, and for the account";
+    std::vector<Cut> moments;
+    for (std::size_t i = 0; i < report.size(); ++i)
+        for (const long bytes : {0L, 300L, std::stol(report[i]) - 100})
+            moments.push_back({i + 1, bytes});
+    EXPECT_EQ(Ctl({"leave"}).status, 0);
+    return moments;
+}
+
+TEST_F(LabProxyJoin, ProxyThatDiesOrHangsAtEachStep) {
+    const ProxyMachine proxy("host2", {"host1"}, "requests_per_minute_per_address = 1000\n");
+    Trust(proxy);
+    const std::vector<Cut> moments = MomentsOfAJoin(proxy);
+    const struct {
+        const char* name;
+        const char* error;
+        Words command;
+    } ends[] = {{"die", "Exception 0x000004cd: ", joinThroughMiddleman},
+                {"hang", "Exception 0x0000274c: ", lab::InHaste(30, joinThroughMiddleman)}};
+    for (const auto& end : ends) {
+        for (const Cut& cut : moments) {
+            SCOPED_TRACE(end.name + (" in connection " + std::to_string(cut.connection)) +
+                         " after " + std::to_string(cut.bytes) + " bytes");
+            DeleteComputers();
+            Middleman middleman(
+                proxy, {end.name, std::to_string(cut.connection), std::to_string(cut.bytes)});
+            const Result joined = On(end.command);
+            EXPECT_EQ(joined.status, 1);
+            EXPECT_THAT(joined.err, HasSubstr(end.error));
+            lab::ExpectNothingLeft("host1");
+            EXPECT_THAT(middleman.Finish(), testing::SizeIs(cut.connection));
+            EXPECT_LE(Computers().size(), 1u);
+        }
+    }
+    DeleteComputers();
+    const Result joined = Join(proxy);
+    EXPECT_EQ(joined.status, 0) << joined.err;
+}
+
+TEST_F(LabProxyJoin, ManInTheMiddleHearsNothingUnlessNobodyLooks) {
+    const ProxyMachine proxy("host2", {"host1"});
+    Trust(proxy);
+    const Result made =
+        On({"sh", "-c",
+            "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN=host2 "
+            "-keyout /run/middleman.pem -out /run/middleman.crt && "
+            "cat /run/middleman.crt >>/run/middleman.pem"});
+    ASSERT_EQ(made.status, 0) << made.err;
+    {
+        Middleman middleman(proxy, {"--identity", "/run/middleman.pem"});
+        const Result joined = On(joinThroughMiddleman);
+        EXPECT_EQ(joined.status, 1);
+        EXPECT_THAT(joined.err, HasSubstr("The APX server's certificate cannot be verified."));
+        EXPECT_THAT(middleman.Finish(), Each(testing::StartsWith("no connection: ")))
+            << "not even the question";
+        ExpectNothingMade();
+    }
+    ASSERT_EQ(Ctl({"option", "set", "UserVars.ActiveDirectoryVerifyAPXCertificate", "0"}).status,
+              0);
+    Middleman middleman(proxy, {"--identity", "/run/middleman.pem"});
+    const Result joined = On(joinThroughMiddleman);
+    EXPECT_EQ(joined.status, 0) << joined.err;
+    EXPECT_THAT(middleman.Finish(), testing::Contains("POST /v1/machine-accounts HTTP/1.1"));
+}
+
+TEST_F(LabProxyJoin, CertificateThatHasExpiredOrIsNotYetValid) {
+    const ProxyMachine proxy("host2", {"host1"});
+    Trust(proxy);
+    for (const char* offset : {"+4000d", "-2d"}) {
+        const Result joined =
+            On(lab::WithClock(offset, {"tesauthctl", "join", "--proxy", proxy.Address()}));
+        EXPECT_EQ(joined.status, 1);
+        EXPECT_THAT(joined.err, HasSubstr("The APX server's certificate cannot be verified."));
+        EXPECT_THAT(joined.err, HasSubstr(*offset == '+' ? "expired" : "not valid yet"));
+        ExpectNothingMade();
+    }
 }
 
 TEST_F(LabProxyJoin, ProxyWithoutAController) {
