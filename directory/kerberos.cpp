@@ -20,9 +20,8 @@
 namespace tessary::directory {
 namespace {
 
-// Long enough for one that has many hosts to answer at once: it takes connections only seconds
-// later.
-constexpr std::chrono::seconds exchangeTime{10};
+// Long enough for one that has a fleet to answer at once: it takes connections many seconds later.
+constexpr std::chrono::seconds exchangeTime{25};
 constexpr std::int64_t clockSkew = 300; // seconds that a login allows
 
 struct Meaning {
