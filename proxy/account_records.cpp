@@ -33,6 +33,8 @@ constexpr char schema[] = "CREATE TABLE accounts ("
                           "CREATE INDEX accounts_due ON accounts (due);"
                           "PRAGMA user_version = 1;";
 
+// What is due later than that was written by a clock that was ahead.
+#define IS_DUE "(due <= ? OR (due > ? AND due < 9223372036854775807))"
 #define ACCOUNT_COLUMNS "account, host, mark, guid, password_set, state, used, released, started"
 
 std::string PathIn(const std::string& stateDirectory) {
@@ -148,23 +150,24 @@ void AccountRecords::Remove(const std::string& account) {
     change.Bind(account).Run();
 }
 
-std::vector<std::string> AccountRecords::Due(Time now) {
+std::vector<std::string> AccountRecords::Due(Time now, Time latest) {
     const std::lock_guard lock(mutex_);
-    AccountStatement rows(database_, "SELECT account FROM accounts WHERE due <= ? ORDER BY due",
+    AccountStatement rows(database_, "SELECT account FROM accounts WHERE " IS_DUE " ORDER BY due",
                           "read the record of accounts");
-    rows.Bind(Seconds(now));
+    rows.Bind(Seconds(now)).Bind(Seconds(latest));
     std::vector<std::string> due;
     while (rows.Step())
         due.push_back(rows.Text(0));
     return due;
 }
 
-std::optional<AccountRecord> AccountRecords::FindDue(const std::string& account, Time now) {
+std::optional<AccountRecord> AccountRecords::FindDue(const std::string& account, Time now,
+                                                     Time latest) {
     const std::lock_guard lock(mutex_);
     AccountStatement row(database_,
-                         "SELECT " ACCOUNT_COLUMNS " FROM accounts WHERE account = ? AND due <= ?",
+                         "SELECT " ACCOUNT_COLUMNS " FROM accounts WHERE account = ? AND " IS_DUE,
                          "read the record of " + account);
-    row.Bind(account).Bind(Seconds(now));
+    row.Bind(account).Bind(Seconds(now)).Bind(Seconds(latest));
     return row.Step() ? std::optional(Row(row)) : std::nullopt;
 }
 

@@ -35,7 +35,8 @@ struct AccountRecord {
     AccountState state = AccountState::Pending;
     bool used = false;        ///< a host has changed its password, be it an earlier one
     bool released = false;    ///< it may be given a new password once
-    std::int64_t started = 0; ///< when it was asked for, given or settled, in seconds since 1970
+    std::int64_t started = 0; ///< when it was asked for, given, withdrawn or settled, in seconds
+                              ///< since 1970
 };
 
 /// A database in the state directory. Every change is on the disk when its function returns. Any
@@ -73,9 +74,11 @@ public:
     void Remove(const std::string& account);
 
     /// The accounts that it is time to look at, those that have waited longest first.
-    std::vector<std::string> Due(Time now);
+    /// \param latest when the last of all is to be looked at; one that is not by then is due as
+    /// well
+    std::vector<std::string> Due(Time now, Time latest);
     /// What is known of an account that it is time to look at; nothing when it is not.
-    std::optional<AccountRecord> FindDue(const std::string& account, Time now);
+    std::optional<AccountRecord> FindDue(const std::string& account, Time now, Time latest);
 
     /// Lets the account of a host be given a new password once.
     /// \return false when there is none

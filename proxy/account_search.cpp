@@ -123,7 +123,13 @@ AccountFacts FactsOf(const LdapEntry& account) {
 Findings SearchNames(Session& session, const HostNames& names, const std::string& container) {
     directory::LdapConnection& ldap = session.Ldap();
     const directory::Controller& where = session.Where();
-    const PendingSearch place = ldap.StartRead(container, {"objectClass"});
+    Findings findings;
+    // By itself: who names no such place, as often as he likes, must not leave the answers to other
+    // questions behind on a session that is kept.
+    const LdapEntry place = ldap.Read(container, {"objectClass"}, session.End());
+    ExpectPlaceForAccounts(place);
+    findings.container = place.dn;
+
     const PendingSearch accounts = ldap.StartSearch(where.baseDn, LDAP_SCOPE_SUBTREE,
                                                     AccountsFilter(names), attributesOfAccounts);
     const PendingSearch controllers = ldap.StartSearch(
@@ -145,16 +151,12 @@ Findings SearchNames(Session& session, const HostNames& names, const std::string
                              Equals("sAMAccountName", names.AccountName()) + "))",
                          {"cn"});
 
-    Findings findings;
     for (LdapEntry& entry : ldap.FinishSearch(accounts, session.End())) {
         if (EqualNames(entry.Value("sAMAccountName"), names.AccountName()))
             findings.account = std::move(entry);
         else
             findings.holder = entry.dn;
     }
-    const LdapEntry found = ldap.FinishRead(place, session.End());
-    ExpectPlaceForAccounts(found);
-    findings.container = found.dn;
     for (const PendingSearch& search : {controllers, domains, trusts, neighbours})
         for (const LdapEntry& entry : ldap.FinishSearch(search, session.End()))
             findings.holder = entry.dn;

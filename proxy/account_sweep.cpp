@@ -9,6 +9,7 @@
 
 #include <syslog.h>
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
@@ -26,18 +27,36 @@ constexpr std::chrono::minutes retryTime{1};
 /// Until what another controller has done is to be seen, or asked for again.
 constexpr std::chrono::minutes patience{5};
 
+/// Between disabling an account and deleting it: for as long, a controller elsewhere may keep it to
+/// itself that a host has joined with it.
+constexpr std::chrono::minutes deletionTime{15};
+
 void Log(int priority, const AccountRecord& record, const std::string& text) {
     syslog(priority, "account %s of %s: %s", record.account.c_str(), record.host.c_str(),
            text.c_str());
 }
 
+std::int64_t SecondsOf(AccountRecords::Time time) {
+    return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
+}
+
+AccountRecords::Time StartOf(const AccountRecord& record) {
+    return std::chrono::system_clock::from_time_t(record.started);
+}
+
 } // namespace
 
 void AccountSweep::Run(const std::stop_token& stop) {
-    for (const std::string& account : records_.Due(clock_()))
+    for (const std::string& account : records_.Due(clock_(), LatestDue()))
         if (stop.stop_requested() || !LookAt(account))
             break;
     session_.reset();
+}
+
+/// No account is looked at later than this: what seems to be, was put off before the clock was set
+/// back.
+AccountRecords::Time AccountSweep::LatestDue() const {
+    return clock_() + std::max<std::chrono::minutes>(settings_.unusedAfter, patience);
 }
 
 /// \return false when no controller answers
@@ -47,14 +66,14 @@ bool AccountSweep::LookAt(const std::string& account) {
         return true;
     try {
         // What was due a moment ago may have been given to a host again since.
-        if (const auto record = records_.FindDue(account, clock_()))
+        if (const auto record = records_.FindDue(account, clock_(), LatestDue()))
             Decide(*record);
         troubles_.erase(account);
     } catch (const Error& error) {
         session_.reset();
         const bool answered = !IsUnanswered(error) && error.Code() != Status::NoSuchDomain;
         // It may be this account alone that nobody answers for: others come first next time.
-        PutOff(account, answered ? error.what() : "");
+        PutOff(account, error.what());
         return answered;
     } catch (const std::exception& error) {
         session_.reset();
@@ -65,15 +84,18 @@ bool AccountSweep::LookAt(const std::string& account) {
 
 bool AccountSweep::IsPutOff(const std::string& account) const {
     const auto trouble = troubles_.find(account);
-    return trouble != troubles_.end() && clock_() < trouble->second.until;
+    if (trouble == troubles_.end())
+        return false;
+    const auto left = trouble->second.until - clock_();
+    return left > left.zero() && left <= retryTime; // else the clock was set back
 }
 
 /// Not by way of the record, which may be what fails.
-/// \param text for the log, unless it is what was last said of that account; empty to say nothing
+/// \param text for the log, unless it is what was last said of that account
 void AccountSweep::PutOff(const std::string& account, const std::string& text) {
     Trouble& trouble = troubles_[account];
     trouble.until = clock_() + retryTime;
-    if (!text.empty() && std::exchange(trouble.text, text) != text)
+    if (std::exchange(trouble.text, text) != text)
         syslog(LOG_ERR, "account %s: %s", account.c_str(), text.c_str());
 }
 
@@ -110,6 +132,7 @@ void AccountSweep::DecidePending(AccountRecord record) {
         const auto end = std::chrono::system_clock::from_time_t(*set) + settings_.unusedAfter;
         if (clock_() < end)
             return records_.Postpone(record.account, end);
+        record.mark = account->mark; // should it be done yet, that shows
         return DecideUnclaimed(std::move(record), *account);
     }
     if (IsSetSince(*account, record) && (first_ || account->mark == record.mark))
@@ -126,15 +149,22 @@ void AccountSweep::DecideMade(AccountRecord record, const std::optional<AccountF
         return Await(record);
     const bool untouched = IsDone(*account, record);
     record.guid = account->guid;
-    record.passwordSet = account->passwordSet;
     if (!untouched)
         return Take(std::move(record), *account);
+    record.passwordSet = account->passwordSet;
     DecideUnclaimed(std::move(record), *account);
 }
 
 void AccountSweep::DecideGiven(AccountRecord record, const std::optional<AccountFacts>& account) {
     if (!account)
         return Await(record);
+    const bool isLateReset = record.state == AccountState::Withdrawn &&
+                             account->mark != record.mark && account->mark.starts_with(markPrefix);
+    if (account->passwordSet > record.passwordSet && isLateReset) {
+        // One of ours that was done after all; nobody has its password.
+        record.mark = account->mark;
+        record.passwordSet = account->passwordSet;
+    }
     if (account->passwordSet > record.passwordSet)
         return Take(std::move(record), *account);
     if (account->passwordSet == record.passwordSet)
@@ -147,16 +177,18 @@ void AccountSweep::DecideGiven(AccountRecord record, const std::optional<Account
 
 /// What is not to be seen at this controller may be known to another one, and may be seen later.
 void AccountSweep::Await(const AccountRecord& record) {
-    if (IsOver(record))
-        records_.Remove(record.account);
-    else
-        records_.Postpone(record.account, clock_() + patience);
+    if (!first_ || !IsOver(record))
+        return records_.Postpone(record.account, clock_() + patience);
+    if (record.passwordSet != 0)
+        Log(LOG_WARNING, record,
+            "it is not to be found; should it live where this proxy does not see it, the password "
+            "that it was given may still be valid");
+    records_.Remove(record.account);
 }
 
 /// Whether nothing can come any more of what the record tells.
 bool AccountSweep::IsOver(const AccountRecord& record) const {
-    const auto started = std::chrono::system_clock::from_time_t(record.started);
-    return clock_() - started > settings_.unusedAfter + oblivion;
+    return clock_() - StartOf(record) > settings_.unusedAfter + oblivion;
 }
 
 void AccountSweep::DecideUnclaimed(AccountRecord record, const AccountFacts& account) {
@@ -186,7 +218,7 @@ void AccountSweep::Withdraw(AccountRecord record, const AccountFacts& account) {
     if (record.state != AccountState::Withdrawn || !account.IsDisabled())
         return Disable(std::move(record), account);
     // Another controller may know of a new password.
-    if (!first_ && !IsOver(record))
+    if (clock_() < StartOf(record) + deletionTime || (!first_ && !IsOver(record)))
         return records_.Postpone(record.account, clock_() + retryTime);
     // A mark may be that of an earlier request: the latest may not have been done.
     if (!first_ || record.used || !account.mark.starts_with(markPrefix))
@@ -197,7 +229,8 @@ void AccountSweep::Withdraw(AccountRecord record, const AccountFacts& account) {
 /// Ends the password that was handed out, be it that this cannot be recorded: then the next look
 /// finds the account disabled, and records it.
 void AccountSweep::Disable(AccountRecord record, const AccountFacts& account) {
-    record.state = AccountState::Withdrawn;
+    if (std::exchange(record.state, AccountState::Withdrawn) != AccountState::Withdrawn)
+        record.started = SecondsOf(clock_());
     std::exception_ptr unrecorded;
     try {
         records_.Put(record, clock_() + retryTime);
@@ -254,8 +287,7 @@ void AccountSweep::Enable(const AccountRecord& record, const AccountFacts& accou
 
 void AccountSweep::Settle(AccountRecord record, AccountState state) {
     record.state = state;
-    record.started =
-        std::chrono::duration_cast<std::chrono::seconds>(clock_().time_since_epoch()).count();
+    record.started = SecondsOf(clock_());
     record.used = record.used || state == AccountState::Taken;
     records_.Put(record, std::nullopt);
 }

@@ -59,6 +59,7 @@ private:
         AccountRecords::Time until;
     };
 
+    AccountRecords::Time LatestDue() const;
     bool LookAt(const std::string& account);
     bool IsPutOff(const std::string& account) const;
     void PutOff(const std::string& account, const std::string& text);

@@ -203,7 +203,7 @@ TEST_F(LabProxyResets, AccountThatHasGotAnotherNameIsNotForgotten) {
     for (const bool withdrawn : {false, true}) {
         EXPECT_THAT(WhyNoNewPassword(host), HasSubstr("has another name now: " + dn)) << withdrawn;
         EXPECT_EQ(Record(account).value().guid, before.guid) << withdrawn;
-        Pass(std::chrono::minutes(11));
+        Pass(std::chrono::minutes(16));
     }
     EXPECT_EQ(Count("OTHER$"), 0u);
     EXPECT_EQ(Refused(host), "given");

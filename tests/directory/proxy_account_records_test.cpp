@@ -31,6 +31,8 @@ AccountRecords::Time At(long time) {
     return AccountRecords::Time(seconds(time));
 }
 
+const AccountRecords::Time ever = At(2'000'000);
+
 class ProxyAccountRecords : public testing::Test {
 protected:
     ProxyAccountRecords() {
@@ -105,17 +107,21 @@ TEST_F(ProxyAccountRecords, TimeComesInItsOrder) {
     records.Put(One("LATE$", "late"), At(30));
     records.Put(One("SOON$", "soon"), At(10));
     records.Put(One("NEVER$", "never"), std::nullopt);
-    EXPECT_THAT(records.Due(At(9)), IsEmpty());
-    EXPECT_THAT(records.Due(At(10)), ElementsAre("SOON$"));
-    EXPECT_THAT(records.Due(At(1'000'000)), ElementsAre("SOON$", "LATE$"));
+    EXPECT_THAT(records.Due(At(9), ever), IsEmpty());
+    EXPECT_THAT(records.Due(At(10), ever), ElementsAre("SOON$"));
+    EXPECT_THAT(records.Due(At(1'000'000), ever), ElementsAre("SOON$", "LATE$"));
+    EXPECT_THAT(records.Due(At(9), At(29)), ElementsAre("LATE$")) << "the clock was ahead";
+    EXPECT_THAT(records.Due(At(9), At(30)), IsEmpty());
+    EXPECT_TRUE(records.FindDue("LATE$", At(9), At(29)));
+    EXPECT_FALSE(records.FindDue("NEVER$", At(9), At(29)));
     records.Postpone("SOON$", At(40));
-    EXPECT_THAT(records.Due(At(1'000'000)), ElementsAre("LATE$", "SOON$"));
-    EXPECT_EQ(records.FindDue("soon$", At(40)).value().host, "soon");
-    EXPECT_FALSE(records.FindDue("SOON$", At(39)));
-    EXPECT_FALSE(records.FindDue("NEVER$", At(1'000'000)));
-    EXPECT_FALSE(records.FindDue("OTHER$", At(1'000'000)));
+    EXPECT_THAT(records.Due(At(1'000'000), ever), ElementsAre("LATE$", "SOON$"));
+    EXPECT_EQ(records.FindDue("soon$", At(40), ever).value().host, "soon");
+    EXPECT_FALSE(records.FindDue("SOON$", At(39), ever));
+    EXPECT_FALSE(records.FindDue("NEVER$", At(1'000'000), ever));
+    EXPECT_FALSE(records.FindDue("OTHER$", At(1'000'000), ever));
     records.Remove("LATE$");
-    EXPECT_THAT(records.Due(At(1'000'000)), ElementsAre("SOON$"));
+    EXPECT_THAT(records.Due(At(1'000'000), ever), ElementsAre("SOON$"));
 }
 
 TEST_F(ProxyAccountRecords, ReleaseStaysUntilThePasswordIsNew) {
@@ -270,7 +276,7 @@ TEST_F(ProxyAccountRecords, ManyProcessesWriteAtOnce) {
         waitpid(child, &status, 0);
         EXPECT_EQ(status, 0);
     }
-    EXPECT_EQ(AccountRecords(folder_).Due(At(1)).size(), std::size_t{processes * each});
+    EXPECT_EQ(AccountRecords(folder_).Due(At(1), ever).size(), std::size_t{processes * each});
 }
 
 } // namespace

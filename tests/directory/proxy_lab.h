@@ -61,7 +61,7 @@ protected:
     /// The same until an account that no host has taken over is disabled and looked at again.
     void PassUntilUnusedAreRemoved() {
         Pass(std::chrono::minutes(11));
-        Pass(std::chrono::minutes(1));
+        Pass(std::chrono::minutes(15));
     }
 
     /// What the proxy's record has of an account.
