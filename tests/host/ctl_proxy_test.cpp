@@ -1,3 +1,6 @@
+#include <unistd.h>
+
+#include <cstring>
 #include <filesystem>
 
 #include "ctl_host.h"
@@ -76,6 +79,19 @@ TEST_F(ProxyTest, JoinNeedsNoCredentials) {
                   "|corp.example||WEB1$|one-time password of the account\n");
     EXPECT_EQ(Calls("joinDomain"), "");
     EXPECT_EQ(ReadFile(calls).find("createMachineAccount|127.0.0.9|"), 0u);
+}
+
+TEST_F(ProxyTest, HostNameIsCheckedUnlessThatIsSkipped) {
+    VerifyNothing();
+    const std::string hosts = ReadFile("/etc/hosts");
+    WriteFile("/etc/hosts", "127.0.1.1 linux.corp.example linux\n");
+    ASSERT_EQ(sethostname("linux", 5), 0);
+    const Result result = Ctl({"join", "--proxy", address});
+    const Result skipping = TryJoin();
+    ASSERT_EQ(sethostname(hostName, std::strlen(hostName)), 0);
+    WriteFile("/etc/hosts", hosts);
+    ExpectFailure(result, 1, "tesauthctl: The current hostname is invalid: hostname is in black");
+    EXPECT_EQ(skipping.status, 0) << skipping.err;
 }
 
 TEST_F(ProxyTest, JoinInJson) {

@@ -192,6 +192,21 @@ TEST_F(ProxyHostTest, HostThatFails) {
     EXPECT_EQ(TextOf<std::runtime_error>([&] { Join(); }), "no host") << "only the host's own";
 }
 
+TEST_F(ProxyHostTest, ClientLivesUntilTheJoinIsRecorded) {
+    otherHost = [] { return std::make_shared<OtherHost>(With(std::make_shared<Integer>(0))); };
+    InstallPlugin(SCRIPTED_PROXY_FILE, "other"); // a second one, which the test does not hold
+    WriteFile(proxyProviderFile, "provider = other\n");
+    const std::string library = pluginDirectory + std::string("libother.so");
+    int opened = 0;
+    whenOpened = [&] {
+        ++opened;
+        EXPECT_TRUE(IsLoaded(library));
+    };
+    Join();
+    EXPECT_EQ(opened, 1);
+    EXPECT_FALSE(IsLoaded(library));
+}
+
 TEST_F(ProxyHostTest, OtherFailuresToStoreLeaveTheHostJoined) {
     otherHost = [] { return std::make_shared<OtherHost>(With(std::make_shared<Integer>(0))); };
     whenOpened = [] { throw std::runtime_error("another failure"); };

@@ -390,6 +390,38 @@ TEST_F(ProxyJoinTest, IsUndoneWhenItCannotBeStored) {
     }
 }
 
+TEST_F(ProxyJoinTest, IsLoggedBeforeItIsUndone) {
+    RefuseChanges();
+    const faults::Scope scope;
+    int logged = 0;
+    faults::hooks.seeLog = [&](int priority, const char*) {
+        logged += priority == LOG_ERR;
+        EXPECT_EQ(Calls("partDomain"), 0u);
+    };
+    EXPECT_THROW(Join(), ConfigStoreException);
+    EXPECT_EQ(logged, 1);
+    EXPECT_EQ(Calls("partDomain"), 1u);
+}
+
+TEST_F(ProxyJoinTest, EachQuestionIsForItsOwnName) {
+    // The proxy answers otherwise each time.
+    static ScriptedProxy* asked;
+    asked = proxy.operator->();
+    proxy->whenAsked = [](unsigned before) {
+        static const char* const netbiosNames[] = {"ONE", "TWO", "THREE"};
+        static const char* const dnsNames[] = {"one.example", "two.example", "three.example"};
+        static const char* const sids[] = {"S-1", "S-2", "S-3"};
+        asked->netbiosName = netbiosNames[before];
+        asked->dnsName = dnsNames[before];
+        asked->domainSid = sids[before];
+    };
+    Join();
+    const Words arguments = Arguments("joinDomainWithMachineAccount");
+    EXPECT_EQ(Words(arguments.begin(), arguments.begin() + 6),
+              (Words{"", "ONE", "two.example", "S-3", "web1", "two.example"}));
+    EXPECT_EQ(StoredDomain(), "two.example");
+}
+
 TEST_F(ProxyJoinTest, FailureToUndoItDoesNotHideTheReason) {
     const std::string reason = RefuseChanges();
     Set("partDomain.status", "5");
@@ -431,6 +463,15 @@ TEST_F(ProxyJoinTest, DomainOfAProxyIsAskedForWithoutVerification) {
     EXPECT_EQ(Questions(), Words{domainQuestion});
     proxy->domainStatus = 10060;
     EXPECT_THROW(store.GetDomainForAPXService(address), WSATimedOutException);
+    proxy->domainStatus = 0;
+    BreakConfigStore();
+    const faults::Scope scope;
+    faults::hooks.getHostName = [](char*, std::size_t) {
+        ADD_FAILURE() << "the host name is asked for";
+        return -1;
+    };
+    EXPECT_EQ(store.GetDomainForAPXService(address), "corp.example") << "it needs no store either";
+    EXPECT_EQ(log.TakeLines(), Lines());
 }
 
 TEST_F(ProxyJoinTest, DomainOfAProxyNeedsAClient) {

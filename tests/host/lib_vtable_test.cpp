@@ -88,7 +88,18 @@ TEST_F(ConfigurationTableTest, Settings) {
                      "ProviderConfiguration::~ProviderConfiguration", "Configuration::Write"}));
 }
 
+TEST_F(ConfigurationTableTest, ThumbprintStore) {
+    EXPECT_EQ(SlotsOf(APXThumbprintStore(scripted::providerFile), 3),
+              (Slots{"APXThumbprintStore::~APXThumbprintStore",
+                     "APXThumbprintStore::~APXThumbprintStore", "Configuration::Write"}));
+    static_assert(std::is_base_of_v<Configuration, APXThumbprintStore>);
+    static_assert(sizeof(APXThumbprintStore) == sizeof(Configuration));
+}
+
 TEST(VirtualTableTest, ProviderHasNone) {
+    static_assert(!std::is_polymorphic_v<APXProxy>);
+    static_assert(!std::is_copy_constructible_v<APXProxy>);
+    static_assert(!std::is_copy_assignable_v<APXProxy>);
     static_assert(!std::is_polymorphic_v<ActiveDirectoryProvider>);
     static_assert(!std::is_copy_constructible_v<ActiveDirectoryProvider>);
     static_assert(!std::is_copy_assignable_v<ActiveDirectoryProvider>);

@@ -91,6 +91,10 @@ static uint32_t GetDomainInfo(const char* serverAddress, bool verifyCertificate,
     snprintf(line, sizeof line, "getDomainInfo|%s|%d|%s|%s", Shown(serverAddress),
              verifyCertificate, Shown(thumbprint), Shown(certificate));
     Note(line);
+    if (state.whenAsked != NULL) {
+        state.whenAsked(state.asked);
+    }
+    ++state.asked;
     if (state.domainStatus != 0 && state.domainSuccesses == 0) {
         Poison(netbiosName);
         Poison(dnsName);

@@ -24,6 +24,9 @@ struct ScriptedProxy {
     const char* sentence;
     /// Called when createMachineAccount has done its work; may be null.
     void (*whenCreated)(void);
+    /// Called when getDomainInfo begins, with how often it was called before; may be null.
+    void (*whenAsked)(unsigned before);
+    unsigned asked;
 
     /// A line a call: the operation's name and its arguments with "|" between them, null ones as
     /// "(null)". A line each for a string that came back: "freeString|", and the string.
