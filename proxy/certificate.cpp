@@ -20,10 +20,13 @@ int NoPassphrase(char*, int, int, void*) {
 }
 
 UniqueBio Open(const std::string& path, bool isKey) {
-    directory::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    // Nobody is waited for who would write into a pipe.
+    directory::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
     if (!fd || fstat(fd.Get(), &status) != 0)
         throw std::runtime_error("cannot read " + path + ": " + std::strerror(errno));
+    if (!S_ISREG(status.st_mode))
+        throw std::runtime_error(path + " is no file");
     if (isKey && (status.st_mode & S_IRWXO) != 0)
         throw std::runtime_error(path + " is open to every user (chmod o= would close it)");
     UniqueBio bio(BIO_new_fd(fd.Get(), BIO_CLOSE));

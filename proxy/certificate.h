@@ -12,6 +12,8 @@ namespace tessary::proxy {
 
 /// A certificate, its key, and those that lead from it to a root, if its file has any.
 struct Identity {
+    static constexpr int fewDays = 30; ///< left, and it is time for another certificate
+
     UniqueCertificate certificate;
     std::vector<UniqueCertificate> chain;
     UniqueKey key;

@@ -1,9 +1,7 @@
 #include "start.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <functional>
 
 #include "keytab_check.h"
@@ -11,16 +9,11 @@
 namespace tessary::proxy {
 namespace {
 
-bool IsMissing(const std::string& path) {
-    struct stat status {};
-    return stat(path.c_str(), &status) != 0 && errno == ENOENT;
-}
-
 void Describe(const Identity& identity, CheckResult& result) {
     const int days = identity.DaysLeft();
     result.facts.push_back("thumbprint " + identity.Thumbprint());
     result.facts.push_back("the certificate expires in " + std::to_string(days) + " days" +
-                           (days < warningDays ? ": time for another" : ""));
+                           (days < Identity::fewDays ? ": time for another" : ""));
 }
 
 void CheckParts(const std::string& file, const Configuration& configuration, CheckResult& result) {
@@ -44,7 +37,7 @@ void CheckParts(const std::string& file, const Configuration& configuration, Che
         check([&] { PrepareStateDirectory(state); });
     }
     const std::string& certificate = configuration.certificate;
-    if (IsMissing(certificate) && IsMissing(configuration.privateKey))
+    if (MakesIdentity(configuration))
         result.facts.push_back(certificate + " is made at the first start");
     else
         check([&] { Describe(ReadIdentity(certificate, configuration.privateKey), result); });

@@ -145,6 +145,7 @@ void ReadCertificatePaths(TomlReader& reader, Configuration& configuration) {
     configuration.privateKey = folder + "/" + keyName;
     ReadPath(reader, "certificate", configuration.certificate);
     ReadPath(reader, "private_key", configuration.privateKey);
+    configuration.namesCertificate = reader.Has("certificate");
     if (reader.Has("certificate") && !reader.Has("private_key"))
         reader.Blame("certificate", "private_key, the file with its key, is missing");
     if (!reader.Has("certificate") && reader.Has("private_key"))

@@ -17,8 +17,9 @@ inline constexpr char defaultConfiguration[] = "/etc/tessary/tesauth/apxd.toml";
 struct Configuration {
     AccountSettings accounts;
     ServerSettings server;
-    std::string certificate; ///< path
-    std::string privateKey;  ///< path
+    std::string certificate;       ///< path
+    std::string privateKey;        ///< path
+    bool namesCertificate = false; ///< else these two are the proxy's own, in its state directory
 };
 
 /// All that is wrong with a configuration, a line each: "FILE:LINE:COLUMN: cause", or "FILE: cause"

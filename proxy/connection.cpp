@@ -12,6 +12,9 @@ using Progress = TlsChannel::Progress;
 
 constexpr std::size_t pieceSize = 4096;
 constexpr int piecesPerTurn = 16;
+constexpr std::uint64_t bytesPerTurn = 4096;
+constexpr std::uint64_t mostInHandshake = 16 * 1024;
+constexpr std::uint64_t mostInAll = 64 * 1024; // four times the longest request
 
 } // namespace
 
@@ -23,9 +26,10 @@ Connection::Step Connection::Advance(SSL_CTX& context) {
     case Phase::Handshake:
         return Greet(context);
     case Phase::Reading:
+        tls_->BeginTurn(bytesPerTurn);
         return Read();
     case Phase::Running:
-        return Step::ClosedEarly; // nothing else is reported then
+        return Step::ClosedEarly; // nothing else is waited for then
     case Phase::Writing:
         return Write();
     case Phase::Lingering:
@@ -37,6 +41,7 @@ Connection::Step Connection::Advance(SSL_CTX& context) {
 Connection::Step Connection::Greet(SSL_CTX& context) {
     if (!tls_)
         tls_.emplace(context, socket_.Get());
+    tls_->BeginTurn(bytesPerTurn);
     const Progress progress = tls_->Handshake();
     if (progress != Progress::Done)
         return Explain(progress);
@@ -46,7 +51,7 @@ Connection::Step Connection::Greet(SSL_CTX& context) {
 }
 
 Connection::Step Connection::Read() {
-    // What TLS holds already, epoll would not report; a request ends before there is much of it.
+    // What TLS holds already, epoll would not report.
     for (;;) {
         char piece[pieceSize];
         std::size_t size = sizeof piece;
@@ -55,7 +60,7 @@ Connection::Step Connection::Read() {
             return Explain(progress);
         if (reader_.Feed({piece, size}) != RequestReader::State::Incomplete) {
             phase_ = Phase::Running;
-            events_ = 0;
+            events_ = EPOLLRDHUP; // honest clients don't end their side before the answer
             return Step::HasRequest;
         }
     }
@@ -100,6 +105,8 @@ Connection::Step Connection::Linger() {
 Connection::Step Connection::Explain(Progress progress) {
     switch (progress) {
     case Progress::WantsRead:
+        if (tls_->BytesRead() >= (phase_ == Phase::Handshake ? mostInHandshake : mostInAll))
+            return Step::TooMuch;
         events_ = EPOLLIN;
         return Step::Waits;
     case Progress::WantsWrite:

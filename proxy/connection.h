@@ -22,7 +22,7 @@ public:
     enum class Phase {
         Handshake,
         Reading,
-        Running, ///< somebody else works on the answer
+        Running, ///< somebody else works on the answer, while the client is there
         Writing,
         Lingering ///< the answer is out; the client has not ended its side yet
     };
@@ -32,7 +32,8 @@ public:
         HasRequest, ///< once: Reader() has a request, or a refusal
         Ended,      ///< the answer was given, and the client has ended too
         ClosedEarly,
-        Failed ///< as Failure() says
+        TooMuch, ///< more has come than any request takes
+        Failed   ///< as Failure() says
     };
 
     /// \param socket non-blocking

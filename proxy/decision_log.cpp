@@ -10,6 +10,7 @@ constexpr std::array<const char*, nuisances> texts = {
     "closed: no TLS connection",       "closed: too slow",
     "closed: the client left early",   "refused: not a request",
     "refused: not an allowed address", "refused: too many requests",
+    "refused: too many others wait",
 };
 
 } // namespace

@@ -27,9 +27,10 @@ enum class Nuisance {
     ClosedEarly,        ///< ended by the client before a whole request
     Malformed,          ///< no request that can be read
     NotAllowed,         ///< from an address that may not ask
-    TooManyRequests
+    TooManyRequests,
+    Busy ///< nobody came to begin with the answer in time
 };
-inline constexpr std::size_t nuisances = 8;
+inline constexpr std::size_t nuisances = 9;
 
 /// Writes the first few nuisances of each kind in a minute one by one, and of the others how many
 /// there were: a flood of connections is no flood of lines. Use by one thread at a time.

@@ -5,7 +5,6 @@
 #include "directory/error.h"
 #include "directory/text.h"
 #include "directory/unique_fd.h"
-#include "signals.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -42,7 +41,6 @@ class DirectoryAccounts : public AccountService {
 public:
     explicit DirectoryAccounts(const AccountSettings& settings)
         : lock_(LockDirectory(settings.stateDirectory)), keeper_(settings) {
-        const BlockedSignals blocked;
         thread_ = std::jthread([this](std::stop_token stop) { LookAfter(stop); });
     }
 

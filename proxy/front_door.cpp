@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <syslog.h>
 
 #include <algorithm>
 #include <array>
@@ -155,6 +156,7 @@ bool FrontDoor::AdmitOrEnd(directory::UniqueFd socket, const Peer& peer) {
         Admit(std::move(socket), peer);
         return true;
     } catch (const std::exception& failure) { // such as one more to watch than the system allows
+        std::erase_if(sites_, [](const auto& site) { return site.second.connections == 0; });
         nuisances_.Write(Nuisance::TooManyConnections, peer, failure.what(), Clock::now());
         Mute(true);
         return false;
@@ -163,35 +165,44 @@ bool FrontDoor::AdmitOrEnd(directory::UniqueFd socket, const Peer& peer) {
 
 void FrontDoor::Admit(directory::UniqueFd socket, const Peer& peer) {
     const auto now = Clock::now();
-    const IpAddress site = peer.address.Site();
     const bool isListed = IsListed(peer.address);
-    const auto ofSite = perSite_.find(site);
-    const unsigned own = ofSite == perSite_.end() ? 0 : ofSite->second;
-    if (own >= settings_.connectionsPerAddress ||
+    const auto known = sites_.find(peer.address.Site());
+    if ((known != sites_.end() && known->second.connections >= settings_.connectionsPerAddress) ||
         (!isListed && unlisted_ >= std::clamp(settings_.connections / 4, 1u, mostStrangers)) ||
-        limits_.IsFlooding(peer.address, now))
+        limits_.IsFlooding(peer.address, isListed, now))
         return nuisances_.Write(Nuisance::TooManyConnections, peer, "", now);
     if (guests_.size() >= settings_.connections && !MakeRoom())
         return nuisances_.Write(Nuisance::TooManyConnections, peer, "all are being answered", now);
 
     const std::uint64_t id = nextId_++;
-    Watch(EPOLL_CTL_ADD, socket.Get(), EPOLLIN, id); // may fail, while nothing is counted yet
-    const auto guest =
-        guests_.try_emplace(id, Guest{Connection(std::move(socket), peer), isListed, {}, EPOLLIN})
-            .first;
-    ++perSite_[site];
+    Site& site = sites_[peer.address.Site()];
+    const auto guest = guests_.try_emplace(id, std::move(socket), peer, isListed, site).first;
+    ++site.connections;
     unlisted_ += isListed ? 0 : 1;
     ++open_;
-    SetDeadline(guest, now + settings_.requestTime);
+    try {
+        SetDeadline(guest, now + settings_.requestTime);
+        Watch(EPOLL_CTL_ADD, guest->second.connection.Socket(), guest->second.watched, id);
+        Follow(guest);
+    } catch (...) {
+        End(guest);
+        throw;
+    }
 }
 
+/// The oldest one gives way, of the site that holds the most.
 bool FrontDoor::MakeRoom() {
-    const auto oldest = std::find_if(guests_.begin(), guests_.end(), [](const auto& guest) {
-        return IsUnfinished(guest.second.connection);
-    });
-    if (oldest == guests_.end())
+    const auto held = [](const Sites::value_type& site) { return site.second.unfinished.size(); };
+    const auto most =
+        std::max_element(sites_.begin(), sites_.end(), [&](const auto& one, const auto& other) {
+            return held(one) < held(other);
+        });
+    if (most == sites_.end() || held(*most) == 0)
         return false;
-    EndAs(oldest, Nuisance::GaveWay, "");
+    const auto guest = guests_.find(*most->second.unfinished.begin());
+    if (held(*most) > guests_.size() / sites_.size()) // it leaves the others less than a fair share
+        limits_.ChargeNuisance(most->first, guest->second.isListed, Clock::now());
+    EndAs(guest, Nuisance::GaveWay, "");
     return true;
 }
 
@@ -218,6 +229,11 @@ void FrontDoor::Advance(Guests::iterator guest) {
         return End(guest);
     case Step::ClosedEarly:
         return EndAs(guest, Nuisance::ClosedEarly, "");
+    case Step::TooMuch:
+        return EndAs(guest,
+                     before == Connection::Phase::Handshake ? Nuisance::Handshake
+                                                            : Nuisance::Malformed,
+                     "it is too long");
     case Step::Failed:
         return EndAs(guest,
                      before == Connection::Phase::Handshake ? Nuisance::Handshake
@@ -227,9 +243,19 @@ void FrontDoor::Advance(Guests::iterator guest) {
     if (before == Connection::Phase::Writing &&
         connection.WhichPhase() == Connection::Phase::Lingering)
         SetDeadline(guest, Clock::now() + settings_.lingerTime);
-    if (connection.Events() != guest->second.watched) {
-        guest->second.watched = connection.Events();
-        Watch(EPOLL_CTL_MOD, connection.Socket(), connection.Events(), guest->first);
+    Follow(guest);
+}
+
+/// Keeps up with what the connection has come to.
+void FrontDoor::Follow(Guests::iterator guest) {
+    auto& [id, entry] = *guest;
+    if (IsUnfinished(entry.connection))
+        entry.site.unfinished.insert(id);
+    else
+        entry.site.unfinished.erase(id);
+    if (entry.connection.Events() != entry.watched) {
+        entry.watched = entry.connection.Events();
+        Watch(EPOLL_CTL_MOD, entry.connection.Socket(), entry.watched, id);
     }
 }
 
@@ -238,10 +264,8 @@ void FrontDoor::Decide(Guests::iterator guest) {
     const Connection& connection = guest->second.connection;
     const Peer& peer = connection.Client();
     const RequestReader& reader = connection.Reader();
-    const bool isListed = guest->second.isListed;
-    const bool mayAsk =
-        (isListed && AsksForHealth(reader)) || limits_.Charge(peer.address, isListed, now);
-    if (!isListed) {
+    const bool mayAsk = Charge(guest->second, now);
+    if (!guest->second.isListed) {
         nuisances_.Write(Nuisance::NotAllowed, peer, "", now);
         Refuse(guest, 403, Code::NotAllowed, "this address may not ask the authentication proxy");
     } else if (!mayAsk) {
@@ -251,9 +275,19 @@ void FrontDoor::Decide(Guests::iterator guest) {
         nuisances_.Write(Nuisance::Malformed, peer, reader.Message(), now);
         Refuse(guest, reader.Status(), Code::BadRequest, reader.Message());
     } else {
-        SetDeadline(guest, Clock::time_point::max());
+        SetDeadline(guest, now + settings_.waitTime);
         dispatch_(guest->first, peer, reader);
     }
+}
+
+/// \return whether it has not asked too often
+bool FrontDoor::Charge(const Guest& guest, Clock::time_point now) {
+    const IpAddress& address = guest.connection.Client().address;
+    const RequestReader& reader = guest.connection.Reader();
+    if (!guest.isListed || reader.Now() == RequestReader::State::Refused)
+        return limits_.ChargeNuisance(address, guest.isListed, now);
+    return AsksForHealth(reader) ? limits_.ChargeHealthRequest(address, now)
+                                 : limits_.ChargeRequest(address, now);
 }
 
 void FrontDoor::Refuse(Guests::iterator guest, int status, Code code, const std::string& message) {
@@ -264,7 +298,7 @@ void FrontDoor::Refuse(Guests::iterator guest, int status, Code code, const std:
 void FrontDoor::SetDeadline(Guests::iterator guest, Clock::time_point deadline) {
     deadlines_.erase({guest->second.deadline, guest->first});
     guest->second.deadline = deadline;
-    if (deadline != Clock::time_point::max())
+    if (deadline != never)
         deadlines_.insert({deadline, guest->first});
 }
 
@@ -272,11 +306,20 @@ void FrontDoor::EndLate() {
     const auto now = Clock::now();
     while (!deadlines_.empty() && deadlines_.begin()->first <= now) {
         const auto guest = guests_.find(deadlines_.begin()->second);
-        if (guest->second.connection.WhichPhase() == Connection::Phase::Lingering)
-            End(guest);
+        if (guest->second.connection.WhichPhase() == Connection::Phase::Running)
+            SendAway(guest);
         else
             EndAs(guest, Nuisance::TooSlow, "");
     }
+}
+
+/// Tells one to come again whose answer nobody has begun with.
+void FrontDoor::SendAway(Guests::iterator guest) {
+    if (!cancel_(guest->first))
+        return SetDeadline(guest, never);
+    nuisances_.Write(Nuisance::Busy, guest->second.connection.Client(), "", Clock::now());
+    Refuse(guest, 503, Code::Internal, "the authentication proxy is busy; try again in a minute");
+    AdvanceOrEnd(guest->first);
 }
 
 void FrontDoor::EndAs(Guests::iterator guest, Nuisance kind, const std::string& detail) {
@@ -289,25 +332,25 @@ void FrontDoor::EndAs(Guests::iterator guest, Nuisance kind, const std::string& 
     const bool isCounted =
         phase == Connection::Phase::Running || phase == Connection::Phase::Writing;
     if (!isCounted && kind != Nuisance::GaveWay)
-        limits_.Charge(connection.Client().address, false, now);
+        limits_.ChargeNuisance(connection.Client().address, guest->second.isListed, now);
     End(guest);
 }
 
 void FrontDoor::End(Guests::iterator guest) {
     if (guest->second.connection.WhichPhase() == Connection::Phase::Running)
         cancel_(guest->first);
-    SetDeadline(guest, Clock::time_point::max());
-    const auto site = perSite_.find(guest->second.connection.Client().address.Site());
-    if (--site->second == 0)
-        perSite_.erase(site);
+    SetDeadline(guest, never);
+    guest->second.site.unfinished.erase(guest->first);
+    if (--guest->second.site.connections == 0)
+        sites_.erase(guest->second.connection.Client().address.Site());
     unlisted_ -= guest->second.isListed ? 0 : 1;
     --open_;
     guests_.erase(guest);
 }
 
-void FrontDoor::Answer(std::uint64_t id, SecretText answer) {
+void FrontDoor::Answer(std::uint64_t id, const Peer& peer, SecretText answer) {
     const std::lock_guard lock(mutex_);
-    answers_.emplace_back(id, std::move(answer));
+    answers_.push_back({id, peer, std::move(answer)});
     eventfd_write(wake_.Get(), 1);
 }
 
@@ -325,10 +368,12 @@ void FrontDoor::TakeAnswers() {
         eventfd_read(wake_.Get(), &count);
         answers.swap(answers_);
     }
-    for (auto& [id, answer] : answers) {
+    for (auto& [id, peer, answer] : answers) {
         const auto guest = guests_.find(id);
-        if (guest == guests_.end())
+        if (guest == guests_.end()) {
+            sink_(LOG_NOTICE, peer.Text() + ": the client left before it had its answer");
             continue;
+        }
         guest->second.connection.SetAnswer(std::move(answer));
         SetDeadline(guest, Clock::now() + settings_.answerTime);
         AdvanceOrEnd(id);

@@ -33,6 +33,7 @@ struct FrontSettings {
     unsigned requestsPerMinuteAndAddress = 60;
     unsigned requestsPerMinute = 3000;
     std::chrono::milliseconds requestTime{10'000}; ///< from the acceptance to the whole request
+    std::chrono::milliseconds waitTime{15'000};    ///< until somebody begins with the answer
     std::chrono::milliseconds answerTime{10'000};  ///< for the client to take the answer
     std::chrono::milliseconds lingerTime{2'000};   ///< for the client to end its side then
 };
@@ -47,7 +48,8 @@ public:
     /// Takes a request; is to see to Answer(). Called by the thread of Run(), must not wait.
     using Dispatch = std::function<void(std::uint64_t id, const Peer&, const RequestReader&)>;
     /// Nobody waits for the answer any more. Called by the thread of Run(), must not wait.
-    using Cancel = std::function<void(std::uint64_t id)>;
+    /// \return whether nobody had begun with it: then there is to be none
+    using Cancel = std::function<bool(std::uint64_t id)>;
 
     /// Listens from then on.
     /// \throws std::system_error when that fails
@@ -59,21 +61,41 @@ public:
     /// Serves until Stop() is called and every request that was taken is answered.
     void Run();
 
-    /// Gives a request its answer; for one whose client is gone it is dropped. Any thread may.
-    void Answer(std::uint64_t id, SecretText answer);
+    /// Gives a request its answer; for one whose client is gone it is dropped, which is logged.
+    /// Any thread may.
+    void Answer(std::uint64_t id, const Peer& peer, SecretText answer);
     /// Accepts no more, and ends all connections without a whole request. Any thread may.
     void Stop();
 
     unsigned Connections() const { return open_; } ///< any thread may ask
 
 private:
+    struct Site {
+        unsigned connections = 0;
+        std::set<std::uint64_t> unfinished; // those that wait for their client to go on
+    };
+    using Sites = std::map<IpAddress, Site>;
+
     struct Guest {
+        Guest(directory::UniqueFd socket, const Peer& peer, bool listed, Site& its)
+            : connection(std::move(socket), peer), isListed(listed), site(its),
+              watched(connection.Events()) {}
+
         Connection connection;
-        bool isListed;
-        Clock::time_point deadline;
+        const bool isListed;
+        Site& site;
+        Clock::time_point deadline = never;
         std::uint32_t watched; // the events that epoll waits for
     };
     using Guests = std::map<std::uint64_t, Guest>; // the oldest first
+
+    struct Given {
+        std::uint64_t id;
+        Peer peer;
+        SecretText answer;
+    };
+
+    static constexpr Clock::time_point never = Clock::time_point::max();
 
     void Watch(int operation, int fd, std::uint32_t events, std::uint64_t id);
     void Mute(bool muted);
@@ -86,10 +108,13 @@ private:
     bool MakeRoom();
     void AdvanceOrEnd(std::uint64_t id);
     void Advance(Guests::iterator guest);
+    void Follow(Guests::iterator guest);
     void Decide(Guests::iterator guest);
+    bool Charge(const Guest& guest, Clock::time_point now);
     void Refuse(Guests::iterator guest, int status, Code code, const std::string& message);
     void SetDeadline(Guests::iterator guest, Clock::time_point deadline);
     void EndLate();
+    void SendAway(Guests::iterator guest);
     void End(Guests::iterator guest);
     void EndAs(Guests::iterator guest, Nuisance kind, const std::string& detail);
     void TakeAnswers();
@@ -107,13 +132,13 @@ private:
     directory::UniqueFd epoll_;
     bool muted_ = false; // no descriptor is free for another connection
     std::uint64_t nextId_;
+    Sites sites_; // with a connection
     Guests guests_;
-    std::map<IpAddress, unsigned> perSite_;
     unsigned unlisted_ = 0;
     std::set<std::pair<Clock::time_point, std::uint64_t>> deadlines_;
     std::atomic<unsigned> open_{0};
     std::mutex mutex_; // guards what follows
-    std::vector<std::pair<std::uint64_t, SecretText>> answers_;
+    std::vector<Given> answers_;
     bool stopping_ = false;
 };
 

@@ -35,8 +35,9 @@ HostLookUp SystemLookUp();
 /// may call it at once.
 class HostCheck {
 public:
+    /// \param time   for looking a host up
     /// \param exempt hosts whose address does not matter, as NormalizeHostName() has them, or
-    /// anyHost \param time   for looking a host up
+    ///               anyHost
     HostCheck(HostLookUp lookUp, std::set<std::string> exempt, std::chrono::milliseconds time);
 
     /// \param host as NormalizeHostName() has it

@@ -15,6 +15,7 @@ namespace tessary::proxy {
 namespace {
 
 constexpr char json[] = "application/json";
+constexpr std::string_view headEnd = "\r\n\r\n";
 constexpr std::size_t longestLine = 1024;
 
 struct Route {
@@ -110,9 +111,13 @@ SecretText HttpService::Answer(const Peer& peer, const std::string& request) {
         bool closed = false;
         process_request(stream, true, closed, nullptr);
         SecretText answer = stream.TakeAnswer();
-        if (answer.View().find("\r\n\r\n") != std::string_view::npos)
+        const std::string_view text = answer.View();
+        // What the library refuses by itself has no body; nothing that a reader took should be.
+        if (const std::size_t head = text.find(headEnd);
+            head != std::string_view::npos && text.size() > head + headEnd.size())
             return answer;
-        sink_(LOG_ERR, peer.Text() + ": no answer was made");
+        sink_(LOG_ERR, Printable(peer.Text() + ": no answer was made: " +
+                                 std::string(text.substr(0, text.find('\r')))));
     } catch (const std::exception& failure) {
         sink_(LOG_ERR, Printable(peer.Text() + ": no answer was made: " + failure.what()));
     }
@@ -132,8 +137,7 @@ HttpService::HandlerResponse HttpService::CheckRoute(const Request& request,
         response.set_header("Allow", route.method);
         return HandlerResponse::Handled;
     }
-    Refuse(request, response, "",
-           Refusal(Code::BadRequest, "there is no such path", Printable(request.path)));
+    Refuse(request, response, "", Refusal(Code::BadRequest, "there is no such path", request.path));
     response.status = 404;
     return HandlerResponse::Handled;
 }

@@ -18,7 +18,8 @@ namespace tessary::proxy {
 namespace {
 
 void CheckFile(const std::string& path) {
-    const directory::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    // Nobody is waited for who would write into a pipe.
+    const directory::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
     if (!fd || fstat(fd.Get(), &status) != 0)
         throw std::runtime_error("cannot read the keytab " + path + ": " + std::strerror(errno));

@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
+#include <cstdlib>
 #include <iostream>
 #include <string>
 
@@ -17,6 +17,7 @@
 #include "host_name.h"
 #include "keytab_check.h"
 #include "server.h"
+#include "serving.h"
 #include "start.h"
 
 namespace {
@@ -26,8 +27,10 @@ using namespace tessary::proxy;
 constexpr int succeeded = 0;
 constexpr int failed = 1;
 constexpr int misused = 2;
+constexpr int misconfigured = 3;
 
 constexpr std::chrono::seconds timeToEnd{10};
+constexpr std::chrono::hours day{24};
 
 struct CommandLine {
     std::string configuration = defaultConfiguration;
@@ -36,9 +39,18 @@ struct CommandLine {
     bool check = false;
 };
 
-/// Says what failed, to whoever is there.
+/// Whether what is written to a descriptor is logged by the service manager.
+bool IsJournal(int fd) {
+    const char* const journal = std::getenv("JOURNAL_STREAM");
+    struct stat status {};
+    return journal != nullptr && fstat(fd, &status) == 0 &&
+           std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == journal;
+}
+
+/// Says what failed, to whoever is there, and once to each.
 int Fail(const std::string& cause) {
-    std::cerr << "tesauth-apxd: " << cause << '\n';
+    if (!IsJournal(STDERR_FILENO))
+        std::cerr << "tesauth-apxd: " << cause << '\n';
     syslog(LOG_ERR, "%s", cause.c_str());
     return failed;
 }
@@ -70,22 +82,20 @@ Identity Prepare(const Configuration& configuration) {
     CheckKeytab(configuration.accounts.keytab, configuration.accounts.account,
                 configuration.accounts.domain);
     PrepareStateDirectory(configuration.accounts.stateDirectory);
-    Identity identity = PrepareIdentity(configuration.certificate, configuration.privateKey);
+    Identity identity = PrepareIdentity(configuration);
     std::cout << "thumbprint " << identity.Thumbprint() << std::endl; // a service's is logged
-    if (identity.DaysLeft() < warningDays)
-        syslog(LOG_WARNING, "the certificate in %s expires in %d days",
-               configuration.certificate.c_str(), identity.DaysLeft());
     for (const std::string& warning : Warnings(configuration))
         syslog(LOG_WARNING, "%s", warning.c_str());
     return identity;
 }
 
-/// The signals that end the server; taken by nothing but sigwait().
+/// The signals that end the server; taken by nothing but WaitForSignal().
 sigset_t EndingSignals() {
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGHUP);
     return signals;
 }
 
@@ -106,15 +116,10 @@ int Serve(const std::string& file) {
            self.Text().c_str());
     sd_notify(0, "READY=1");
 
-    int signal = 0;
-    sigwait(&signals, &signal);
+    WaitForSignal(signals, day,
+                  [&] { WarnOfExpiry(identity, configuration.certificate, SystemLog()); });
     sd_notify(0, "STOPPING=1");
-    if (!server.Stop(tessary::directory::Deadline::In(timeToEnd))) {
-        syslog(LOG_WARNING, "ending; some requests are left without an answer");
-        std::cout.flush();
-        _exit(succeeded); // their threads cannot be ended
-    }
-    syslog(LOG_INFO, "ended");
+    EndServer(server, timeToEnd, SystemLog());
     return succeeded;
 }
 
@@ -128,7 +133,7 @@ int Run(const CommandLine& line) {
     } catch (const ConfigurationError& error) {
         for (const std::string& fault : error.Faults())
             Fail(fault);
-        return failed;
+        return misconfigured;
     } catch (const std::exception& error) {
         return Fail(error.what());
     }
@@ -149,7 +154,7 @@ int main(int argc, char** argv) {
     release->add_option("host", line.hostToRelease, "The host's fully qualified name")->required();
     release->fallthrough();
     release->excludes(check);
-    app.footer("Exit codes: 0 done, 1 failed, 2 wrong usage");
+    app.footer("Exit codes: 0 done, 1 failed, 2 wrong usage, 3 wrong configuration");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

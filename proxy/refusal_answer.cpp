@@ -28,7 +28,7 @@ int HttpStatusOf(Code code) {
 SecretText RefusalAnswer(int status, Code code, const std::string& message) {
     const std::string body = RefusalBody(code, message);
     return SecretText("HTTP/1.1 " + std::to_string(status) + " Refused\r\n" +
-                      (status == 429 ? "Retry-After: 60\r\n" : "") +
+                      (status == 429 || status == 503 ? "Retry-After: 60\r\n" : "") +
                       "Connection: close\r\nContent-Type: application/json\r\nContent-Length: " +
                       std::to_string(body.size()) + "\r\n\r\n" + body);
 }

@@ -4,8 +4,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
 #include <optional>
+#include <utility>
 
 namespace tessary::proxy {
 namespace {
@@ -53,11 +53,6 @@ private:
     std::string* member_ = nullptr;
 };
 
-bool HasControlCharacter(const std::string& text) {
-    return std::any_of(text.begin(), text.end(),
-                       [](unsigned char c) { return c < 0x20 || c == 0x7f; });
-}
-
 } // namespace
 
 AccountRequest AccountRequest::Parse(const std::string& body) {
@@ -67,10 +62,7 @@ AccountRequest AccountRequest::Parse(const std::string& body) {
         !members.hostName)
         throw Refusal(Code::BadRequest, "the body is a JSON object with the members \"hostName\" "
                                         "and \"container\", both text");
-    AccountRequest request{std::move(*members.hostName), members.container.value_or("")};
-    if (HasControlCharacter(request.container))
-        throw Refusal(Code::BadRequest, "a container's name has no control characters");
-    return request;
+    return {std::move(*members.hostName), members.container.value_or("")};
 }
 
 } // namespace tessary::proxy

@@ -6,10 +6,10 @@
 
 namespace tessary::proxy {
 
-/// A machine account that is asked for. Nothing about the values is checked but what is said.
+/// A machine account that is asked for; any text may stand for the names.
 struct AccountRequest {
     std::string hostName;
-    std::string container; ///< no control characters; empty: none was asked for
+    std::string container; ///< empty: none was asked for
 
     /// \param body a JSON object with the members that this record has, each at most once and of
     ///             text; "container" may be missing or null

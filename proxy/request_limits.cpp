@@ -4,50 +4,62 @@
 
 namespace tessary::proxy {
 
-RequestLimits::RequestLimits(unsigned perMinuteAndAddress, unsigned perMinute)
-    : mostPerSite_(perMinuteAndAddress), mostInAll_(perMinute) {
-    inAll_.tokens = mostInAll_;
+double Budget::Tokens(Clock::time_point now) {
+    const std::chrono::duration<double, std::ratio<60>> passed = now - filled_;
+    tokens_ = std::min(most_, tokens_ + std::max(0.0, passed.count()) * most_);
+    filled_ = now;
+    return tokens_;
 }
 
-void RequestLimits::Fill(Account& account, double most, Clock::time_point now) {
-    const std::chrono::duration<double, std::ratio<60>> passed = now - account.filled;
-    account.tokens = std::min(most, account.tokens + std::max(0.0, passed.count()) * most);
-    account.filled = now;
+bool Budget::Charge(Clock::time_point now) {
+    const bool hasOne = Tokens(now) >= 1;
+    tokens_ = std::max(tokens_ - 1, -most_);
+    return hasOne;
 }
 
-bool RequestLimits::Charge(const IpAddress& address, bool isFromAllowed, Clock::time_point now) {
+bool Budgets::Charge(const IpAddress& address, Clock::time_point now) {
     const IpAddress site = address.Site();
-    const auto [place, isNew] = bySite_.try_emplace(site);
-    SiteAccount& own = place->second;
-    if (isNew) {
+    auto place = bySite_.find(site);
+    if (place == bySite_.end()) {
         uses_.push_front(site);
-        own = {{mostPerSite_, now}, uses_.begin()};
+        place = bySite_.emplace(site, Entry{Budget(perMinute_, now), uses_.begin()}).first;
     } else {
-        uses_.splice(uses_.begin(), uses_, own.use);
-        Fill(own.account, mostPerSite_, now);
+        uses_.splice(uses_.begin(), uses_, place->second.use);
     }
     if (bySite_.size() > mostAddresses) {
         bySite_.erase(uses_.back());
         uses_.pop_back();
     }
-
-    const bool hasOwn = own.account.tokens >= 1;
-    own.account.tokens = std::max(own.account.tokens - 1, -mostPerSite_);
-    if (!hasOwn || !isFromAllowed)
-        return hasOwn;
-    Fill(inAll_, mostInAll_, now);
-    if (inAll_.tokens < 1)
-        return false;
-    inAll_.tokens -= 1;
-    return true;
+    return place->second.budget.Charge(now);
 }
 
-bool RequestLimits::IsFlooding(const IpAddress& address, Clock::time_point now) {
+bool Budgets::IsExhausted(const IpAddress& address, Clock::time_point now) {
     const auto place = bySite_.find(address.Site());
-    if (place == bySite_.end())
+    return place != bySite_.end() && place->second.budget.IsExhausted(now);
+}
+
+RequestLimits::RequestLimits(unsigned perMinuteAndAddress, unsigned perMinute)
+    : inAll_(perMinute, {}), listed_(perMinuteAndAddress), strangers_(perMinuteAndAddress),
+      health_(healthRequestsForOne * static_cast<double>(perMinuteAndAddress)) {}
+
+bool RequestLimits::ChargeRequest(const IpAddress& address, Clock::time_point now) {
+    if (!listed_.Charge(address, now))
         return false;
-    Fill(place->second.account, mostPerSite_, now);
-    return place->second.account.tokens < 1 - mostPerSite_;
+    // What is refused anyway is not owed: else a few could keep all others waiting.
+    return inAll_.Tokens(now) >= 1 && inAll_.Charge(now);
+}
+
+bool RequestLimits::ChargeHealthRequest(const IpAddress& address, Clock::time_point now) {
+    return health_.Charge(address, now);
+}
+
+bool RequestLimits::ChargeNuisance(const IpAddress& address, bool isListed, Clock::time_point now) {
+    return (isListed ? listed_ : strangers_).Charge(address, now);
+}
+
+bool RequestLimits::IsFlooding(const IpAddress& address, bool isListed, Clock::time_point now) {
+    return isListed ? listed_.IsExhausted(address, now) || health_.IsExhausted(address, now)
+                    : strangers_.IsExhausted(address, now);
 }
 
 } // namespace tessary::proxy

@@ -22,8 +22,10 @@ bool IsControl(char c) {
     return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
 }
 
-bool IsVisible(char c) {
-    return c > 0x20 && c < 0x7f;
+/// What a path can have in it without being anything else to another reader: a query, a fragment,
+/// or another path in disguise.
+bool IsPlain(char c) {
+    return c > 0x20 && c < 0x7f && c != '?' && c != '#' && c != '%';
 }
 
 bool IsBlank(char c) {
@@ -104,8 +106,12 @@ void RequestReader::TakeRequestLine(std::string_view line) {
     const std::string_view target = line.substr(first + 1, last - first - 1);
     const std::string_view version = line.substr(last + 1);
     if (!IsToken(method) || target.empty() || target.front() != '/' ||
-        !std::all_of(target.begin(), target.end(), IsVisible))
+        target.find(' ') != std::string_view::npos)
         return Refuse(400, "the request line has a method, a path and a version");
+    if (method != "GET" && method != "POST")
+        return Refuse(501, "the method is GET or POST");
+    if (!std::all_of(target.begin(), target.end(), IsPlain))
+        return Refuse(400, "a path has no query and no signs that are not ASCII or are escaped");
     if (version != "HTTP/1.1" && version != "HTTP/1.0")
         return Refuse(version.starts_with("HTTP/") ? 505 : 400, "the version is HTTP/1.1");
     method_ = method;
@@ -150,7 +156,7 @@ void RequestReader::TakeContentType(std::string_view value) {
 }
 
 void RequestReader::EndHead() {
-    const bool takesBody = method_ == "POST" || method_ == "PUT" || method_ == "PATCH";
+    const bool takesBody = method_ == "POST";
     if (hosts_ > 1 || (hosts_ == 0 && !oldVersion_))
         return Refuse(400, "a request has one field Host");
     if (takesBody && lengths_ == 0)

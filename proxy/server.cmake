@@ -34,6 +34,7 @@ add_library(tesauth_proxy_server STATIC
   refusal_answer.cpp
   request_limits.cpp
   server.cpp
+  serving.cpp
   start.cpp
   tls.cpp
   toml_reader.cpp

@@ -1,7 +1,5 @@
 #include "server.h"
 
-#include "signals.h"
-
 namespace tessary::proxy {
 
 Server::Server(const ServerSettings& settings, const Identity& identity, AccountService& accounts,
@@ -14,9 +12,8 @@ Server::Server(const ServerSettings& settings, const Identity& identity, Account
           [this](std::uint64_t id, const Peer& peer, const RequestReader& reader) {
               Dispatch(id, peer, reader);
           },
-          [this](std::uint64_t id) { queue_.Cancel(id); }),
+          [this](std::uint64_t id) { return queue_.Cancel(id); }),
       queue_(settings.workers, settings.workersPerAddress) {
-    const BlockedSignals blocked; // SIGPIPE among them, from connections that are gone
     thread_ = std::thread([this] {
         door_.Run();
         ended_.set_value();
@@ -31,7 +28,7 @@ Server::~Server() {
 void Server::Dispatch(std::uint64_t id, const Peer& peer, const RequestReader& reader) {
     const bool isQuick = reader.Target() == "/healthz";
     queue_.Add({id, peer.address.Site(), isQuick, [this, id, peer, request = reader.Request()] {
-                    door_.Answer(id, service_.Answer(peer, request));
+                    door_.Answer(id, peer, service_.Answer(peer, request));
                 }});
 }
 

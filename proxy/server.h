@@ -21,12 +21,13 @@ namespace tessary::proxy {
 struct ServerSettings {
     FrontSettings front;
     std::set<std::string> hostsWithoutForwardEntry; ///< or anyHost
-    std::chrono::milliseconds lookUpTime{6'000};    ///< for finding out whose name a host's is
-    unsigned workers = 16;                          ///< requests that are answered at once
-    unsigned workersPerAddress = 4;                 ///< of these, for one address
+    std::chrono::milliseconds lookUpTime{7'000};    ///< for finding out whose name a host's is
+    unsigned workers = 48;                          ///< requests that are answered at once
+    unsigned workersPerAddress = 2;                 ///< of these, for one address
 };
 
-/// Serves from its construction on, with threads of its own.
+/// Serves from its construction on, with threads of its own. These take the signals that the thread
+/// takes which makes it; of connections that are gone there is SIGPIPE, to be ignored.
 class Server {
 public:
     /// \param accounts, lookUp, sink are called by the server's threads until it is gone

@@ -21,11 +21,12 @@ constexpr rlim_t otherDescriptors = 256;
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-bool Exists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
-}
-
 } // namespace
+
+bool IsMissing(const std::string& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) != 0 && errno == ENOENT;
+}
 
 void PrepareStateDirectory(const std::string& path) {
     if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST)
@@ -42,10 +43,16 @@ void PrepareStateDirectory(const std::string& path) {
         throw std::runtime_error(path + " is open to other users (chmod 0700 would close it)");
 }
 
-Identity PrepareIdentity(const std::string& certificateFile, const std::string& keyFile) {
-    if (!Exists(certificateFile) && !Exists(keyFile))
-        MakeIdentity(HostIdentity::OfThisHost(), certificateFile, keyFile);
-    return ReadIdentity(certificateFile, keyFile);
+bool MakesIdentity(const Configuration& configuration) {
+    return IsMissing(configuration.certificate) &&
+           (!configuration.namesCertificate || IsMissing(configuration.privateKey));
+}
+
+Identity PrepareIdentity(const Configuration& configuration) {
+    if (MakesIdentity(configuration))
+        MakeIdentity(HostIdentity::OfThisHost(), configuration.certificate,
+                     configuration.privateKey);
+    return ReadIdentity(configuration.certificate, configuration.privateKey);
 }
 
 void AllowConnections(unsigned connections) {

@@ -10,16 +10,20 @@
 
 namespace tessary::proxy {
 
-/// From then on, a certificate is said to expire soon.
-inline constexpr int warningDays = 30;
+/// Whether there is no file of that name.
+bool IsMissing(const std::string& path);
 
 /// Makes the state directory where it is missing.
 /// \throws std::exception when it cannot be made, is another user's, or open to others
 void PrepareStateDirectory(const std::string& path);
 
-/// The server's certificate and key; makes both where both are missing.
-/// \throws std::exception when one of them is missing, or as ReadIdentity() does
-Identity PrepareIdentity(const std::string& certificateFile, const std::string& keyFile);
+/// Whether the next start makes the server's certificate and key: both are missing, or only the
+/// certificate is, and the key is the proxy's own, which nobody trusts without it.
+bool MakesIdentity(const Configuration& configuration);
+
+/// The server's certificate and key, which are made when they have to be.
+/// \throws std::exception as ReadIdentity() does
+Identity PrepareIdentity(const Configuration& configuration);
 
 /// Sees to it that so many connections can be open.
 /// \throws std::runtime_error when the system's limit is lower

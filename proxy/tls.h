@@ -6,6 +6,7 @@
 #include "openssl_owner.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -29,6 +30,15 @@ public:
 
     /// \param socket non-blocking; stays the caller's
     TlsChannel(SSL_CTX& context, int socket);
+    TlsChannel(const TlsChannel&) = delete; // OpenSSL knows where it is
+    TlsChannel& operator=(const TlsChannel&) = delete;
+
+    /// Allows for so many bytes more from the socket, and one record; what asks for others finds
+    /// the socket not readable. To be called before what follows.
+    void BeginTurn(std::uint64_t bytes);
+    /// How much has come from the socket. The work that a client makes grows with it, and not with
+    /// what it says: records may be as good as empty.
+    std::uint64_t BytesRead() const;
 
     /// Answers the client's greeting, step by step.
     Progress Handshake();
@@ -43,8 +53,11 @@ public:
     const std::string& Failure() const { return failure_; }
 
 private:
+    static long EndTurn(BIO* bio, int operation, const char*, std::size_t, int, long, int result,
+                        std::size_t*);
     Progress Explain(int result);
 
+    std::uint64_t endOfTurn_ = 0; // by BytesRead()
     UniqueTls tls_;
     std::string failure_;
 };

@@ -4,6 +4,7 @@
 #include "directory/files.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <tuple>
 
 #include "configuration.h"
@@ -16,6 +17,9 @@ std::string Place(const std::string& file, const toml::source_position& place) {
 }
 
 std::string ReadWholeFile(const std::string& file) {
+    std::error_code unknown;                     // is told when it is read
+    if (std::filesystem::is_fifo(file, unknown)) // which somebody would have to write into
+        throw ConfigurationError({file + ": it is no file"});
     std::optional<std::string> text;
     try {
         text = directory::ReadFile(file);

@@ -1,89 +1,91 @@
 #include "work_queue.h"
 
-#include "signals.h"
-
-#include <algorithm>
+#include <utility>
 
 namespace tessary::proxy {
 
 WorkQueue::WorkQueue(unsigned workers, unsigned perSite) : perSite_(perSite) {
-    const BlockedSignals blocked;
     for (unsigned i = 0; i <= workers; ++i)
-        threads_.emplace_back([this, quickOnly = i == workers] { Work(quickOnly); });
+        threads_.emplace_back([this, quickOnly = i == workers](const std::stop_token& stop) {
+            Work(stop, quickOnly);
+        });
 }
 
 WorkQueue::~WorkQueue() {
-    {
-        const std::lock_guard lock(mutex_);
-        ending_ = true;
-        waiting_.clear();
-    }
-    changed_.notify_all();
-    for (std::thread& thread : threads_)
-        thread.join();
+    const std::lock_guard lock(mutex_);
+    quick_.waiting.clear();
+    for (auto& [address, site] : sites_)
+        site.waiting.clear();
 }
 
 void WorkQueue::Add(Job job) {
     {
         const std::lock_guard lock(mutex_);
-        waiting_.push_back(std::move(job));
+        Site& site = job.isQuick ? quick_ : sites_[job.site];
+        if (site.IsIdle())
+            site.turn = ++turn_;
+        site.waiting.push_back(std::move(job));
     }
     changed_.notify_all(); // which of them may take it, they find out
 }
 
-void WorkQueue::Cancel(std::uint64_t id) {
+bool WorkQueue::Cancel(std::uint64_t id) {
     const std::lock_guard lock(mutex_);
-    std::erase_if(waiting_, [id](const Job& job) { return job.id == id; });
-    if (waiting_.empty() && running_.empty())
-        idle_.notify_all();
+    const auto take = [id](Site& site) {
+        return std::erase_if(site.waiting, [id](const Job& job) { return job.id == id; });
+    };
+    auto taken = take(quick_);
+    for (auto& [address, site] : sites_)
+        taken += take(site);
+    Tidy();
+    return taken != 0;
 }
 
 bool WorkQueue::WaitUntilIdle(const directory::Deadline& deadline) {
     std::unique_lock lock(mutex_);
     return idle_.wait_for(lock, std::chrono::milliseconds(deadline.Milliseconds()),
-                          [this] { return waiting_.empty() && running_.empty(); });
+                          [this] { return IsIdle(); });
 }
 
-/// The oldest of those whose site has the fewest running: a few sites with long jobs don't keep the
-/// others waiting.
-std::deque<Job>::iterator WorkQueue::NextFor(bool quickOnly) {
-    auto next = waiting_.end();
-    unsigned fewest = perSite_;
-    for (auto job = waiting_.begin(); job != waiting_.end(); ++job) {
-        if (job->isQuick)
-            return job;
-        const auto place = running_.find(job->site);
-        const unsigned running = place == running_.end() ? 0 : place->second;
-        if (!quickOnly && running < fewest) {
-            fewest = running;
-            next = job;
-        }
+void WorkQueue::Tidy() {
+    std::erase_if(sites_, [](const auto& site) { return site.second.IsIdle(); });
+    if (IsIdle())
+        idle_.notify_all();
+}
+
+/// Whoever has much waiting does not keep the others waiting.
+WorkQueue::Site* WorkQueue::NextFor(bool quickOnly) {
+    if (!quick_.waiting.empty())
+        return &quick_;
+    Site* next = nullptr;
+    const auto rank = [](const Site& site) { return std::pair(site.running, site.turn); };
+    for (auto& [address, site] : sites_) {
+        if (!quickOnly && !site.waiting.empty() && site.running < perSite_ &&
+            (next == nullptr || rank(site) < rank(*next)))
+            next = &site;
     }
     return next;
 }
 
-void WorkQueue::Work(bool quickOnly) {
+void WorkQueue::Work(const std::stop_token& stop, bool quickOnly) {
+    Site* site = nullptr;
     std::unique_lock lock(mutex_);
-    for (;;) {
-        auto next = waiting_.end();
-        changed_.wait(lock,
-                      [&] { return ending_ || (next = NextFor(quickOnly)) != waiting_.end(); });
-        if (ending_)
-            return;
+    while (changed_.wait(lock, stop, [&] { return (site = NextFor(quickOnly)) != nullptr; })) {
         {
-            const Job job = std::move(*next);
-            waiting_.erase(next);
-            const auto place = running_.try_emplace(job.site).first;
-            ++place->second;
+            const Job job = std::move(site->waiting.front());
+            site->waiting.pop_front();
+            ++site->running;
             lock.unlock();
-            job.run();
-            lock.lock();
-            if (--place->second == 0)
-                running_.erase(place);
+            try {
+                job.run();
+            } catch (...) { // such as no memory: whoever waits for it gives up in time
+            }
         }
+        lock.lock();
+        --site->running;
+        site->turn = ++turn_;
+        Tidy();
         changed_.notify_all(); // a job of the same site may follow
-        if (waiting_.empty() && running_.empty())
-            idle_.notify_all();
     }
 }
 

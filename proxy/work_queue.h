@@ -12,6 +12,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <stop_token>
 #include <thread>
 #include <vector>
 
@@ -25,12 +26,14 @@ struct Job {
     std::function<void()> run;
 };
 
-/// Runs jobs in the order they came in, but for those of a site that has enough of them running:
-/// answers may wait for a directory or a name server, and whoever makes them wait is not to have
-/// all threads. One more thread runs quick jobs only. All methods may be called from any thread.
+/// Runs jobs, those of each site in the order they came in: answers may wait for a directory or a
+/// name server, and whoever makes them wait is not to have all threads. The site with the fewest
+/// running comes first, and of several the one that was served the longest ago. One more thread
+/// runs quick jobs only. All methods may be called from any thread.
 class WorkQueue {
 public:
     /// \param perSite how many jobs of one site run at the same time
+    /// \throws std::system_error when there are not so many threads to be had
     WorkQueue(unsigned workers, unsigned perSite);
     /// Waits for the jobs that run.
     ~WorkQueue();
@@ -39,23 +42,34 @@ public:
 
     void Add(Job job);
     /// Takes a job out that does not run yet.
-    void Cancel(std::uint64_t id);
+    /// \return whether it was there
+    bool Cancel(std::uint64_t id);
     /// Waits until no job is left.
     /// \return false when the deadline passed first
     bool WaitUntilIdle(const directory::Deadline& deadline);
 
 private:
-    std::deque<Job>::iterator NextFor(bool quickOnly);
-    void Work(bool quickOnly);
+    struct Site {
+        std::deque<Job> waiting;
+        unsigned running = 0;
+        std::uint64_t turn = 0; // of all turns, the one when it was served last, or else came
+
+        bool IsIdle() const { return waiting.empty() && running == 0; }
+    };
+
+    void Work(const std::stop_token& stop, bool quickOnly);
+    Site* NextFor(bool quickOnly);
+    bool IsIdle() const { return sites_.empty() && quick_.IsIdle(); }
+    void Tidy();
 
     const unsigned perSite_;
     std::mutex mutex_;
-    std::condition_variable changed_;
+    std::condition_variable_any changed_;
     std::condition_variable idle_;
-    std::deque<Job> waiting_;
-    std::map<IpAddress, unsigned> running_; // by site
-    bool ending_ = false;
-    std::vector<std::thread> threads_;
+    Site quick_;                      // the quick jobs of all
+    std::map<IpAddress, Site> sites_; // that are not idle
+    std::uint64_t turn_ = 0;
+    std::vector<std::jthread> threads_;
 };
 
 } // namespace tessary::proxy

@@ -61,6 +61,18 @@ void GreetOnly() {
     const Client client(port, NextAddress());
 }
 
+void AskForHealth() {
+    apxd_test::Ask(port, apxd_test::GetRequest("/healthz"), NextAddress());
+}
+
+/// Of records that are as good as empty.
+void GreetInCrumbs() {
+    static const std::string greeting = apxd_test::UnfinishedGreeting(1).substr(0, 24'000);
+    const UniqueFd socket = apxd_test::ConnectFrom(NextAddress(), port);
+    send(socket.Get(), greeting.data(), greeting.size(), MSG_NOSIGNAL);
+    apxd_test::IsEnded(socket.Get());
+}
+
 void SendBody() {
     Client client(port, NextAddress());
     client.Send(
@@ -100,7 +112,7 @@ void SendSlowly() {
 }
 
 void GreetWithoutEnd() {
-    static const std::string greeting = apxd_test::UnfinishedGreeting();
+    static const std::string greeting = apxd_test::UnfinishedGreeting(4096).substr(0, 16'000);
     Hold<UniqueFd>(
         [] {
             UniqueFd socket = apxd_test::ConnectFrom(NextAddress(), port);
@@ -117,6 +129,8 @@ const std::map<std::string, std::function<void()>> attacks = {
     {"malformed", [] { Repeat(AskMalformed); }},
     {"handshakes", [] { Repeat(GreetOnly); }},
     {"bodies", [] { Repeat(SendBody); }},
+    {"records", [] { Repeat(GreetInCrumbs); }},
+    {"health", [] { Repeat(AskForHealth); }},
     {"slow", SendSlowly},
     {"greetings", GreetWithoutEnd},
 };

@@ -1,11 +1,12 @@
 /// Any bytes from the network: what the proxy makes of them does not depend on the pieces that they
-/// come in, keeps within its limits, and is what a plain model of it says; or the process is
-/// aborted.
+/// come in, keeps within its limits, is what a plain model of it says, and has an answer that its
+/// clients can read; or the process is aborted.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -14,6 +15,7 @@
 
 #include "account_service.h"
 #include "host_name.h"
+#include "http_service.h"
 #include "request_body.h"
 #include "request_reader.h"
 
@@ -99,12 +101,8 @@ std::optional<AccountRequest> ModelOfParse(const std::string& body) {
     const json container = tree.value("container", json(nullptr));
     if (!container.is_null() && !container.is_string())
         return std::nullopt;
-    AccountRequest request{tree["hostName"].get<std::string>(),
-                           container.is_null() ? "" : container.get<std::string>()};
-    for (const char c : request.container)
-        if ((c >= 0 && c < 0x20) || c == 0x7f)
-            return std::nullopt;
-    return request;
+    return AccountRequest{tree["hostName"].get<std::string>(),
+                          container.is_null() ? "" : container.get<std::string>()};
 }
 
 bool ModelOfIsHostName(std::string name) {
@@ -157,6 +155,81 @@ void CheckBody(const std::string& body) {
     CheckHostName(request->hostName);
 }
 
+constexpr char password[] = "One-time-\"password\\";
+const Peer asker{*IpAddress::Parse("192.0.2.7"), 50123};
+
+/// Most hosts get an account.
+class FuzzedAccounts : public AccountService {
+public:
+    DomainInfo Domain() override { return {"CORP", "corp.example", "S-1-5-21-1-2-3"}; }
+    void ExpectHost(const std::string& host) const override {
+        Expect(ModelOfIsHostName(host), "an account for what is no host");
+        if (host.size() % 8 == 3)
+            throw Refusal(Code::NotAllowed, "no accounts for such hosts", host);
+    }
+    NewAccount Create(const std::string&, const std::string& container) override {
+        if (container.size() % 4 == 2)
+            throw Refusal(Code::BadRequest, "the unit's name is malformed", container);
+        const std::string_view text = password;
+        tessary::directory::Secret secret(text.size());
+        text.copy(secret.Data(), text.size());
+        return {"WEB1$", std::move(secret)};
+    }
+};
+
+void CheckLine(int, const std::string& line) {
+    // What a client sent may look like the password, but for a host's name, which is in small
+    // letters.
+    const bool hasPassword = line.find("One-time") != std::string::npos;
+    Expect(line.size() <= 1024 && line.starts_with("192.0.2.7:50123") &&
+               !(hasPassword && line.ends_with(": given the account WEB1$")) &&
+               std::all_of(line.begin(), line.end(), [](char c) { return c >= ' ' && c <= '~'; }),
+           "a line for the log that is none");
+}
+
+int ModelOfStatus(const std::string& method, const std::string& path) {
+    const bool isAccount = path == "/v1/machine-accounts";
+    if (!isAccount && path != "/healthz" && path != "/v1/domain")
+        return 404;
+    return (method == "POST") == isAccount ? 0 : 405;
+}
+
+/// A status line, fields, and as much of a body as they say: JSON, with a code in a refusal.
+void CheckAnswer(const RequestReader& reader) {
+    static FuzzedAccounts accounts;
+    static HttpService service(
+        accounts,
+        HostCheck(
+            [](const std::string& host, const tessary::directory::Deadline&) {
+                return KnownAddresses{{host.size() % 8 == 5 ? IpAddress() : asker.address},
+                                      std::nullopt};
+            },
+            {}, std::chrono::seconds(1)),
+        CheckLine);
+    const SecretText answer = service.Answer(asker, reader.Request());
+    const std::string_view text = answer.View();
+    const std::size_t end = text.find("\r\n\r\n");
+    Expect(text.starts_with("HTTP/1.1 ") && end != std::string_view::npos, "no answer");
+    const std::string head(text.substr(0, end + 2));
+    const std::string_view body = text.substr(end + 4);
+    const int status = std::atoi(head.c_str() + std::strlen("HTTP/1.1 "));
+    const int expected = ModelOfStatus(reader.Method(), reader.Target());
+    Expect(expected == 0 ? status == 200 || status == 201 || status == 400 || status == 403
+                         : status == expected,
+           "another status");
+    Expect(head.find("\r\nContent-Type: application/json\r\n") != std::string::npos &&
+               head.find("\r\nContent-Length: " + std::to_string(body.size()) + "\r\n") !=
+                   std::string::npos,
+           "a head that is not the body's");
+    const json tree = json::parse(body, nullptr, false);
+    Expect(tree.is_object(), "an answer that is no JSON object");
+    Expect(status < 400 || (tree.contains("code") && tree["code"].is_number_unsigned() &&
+                            tree["code"] != 0u && tree.contains("message")),
+           "a refusal without its code");
+    Expect((status == 201) == (tree.contains("password") && tree["password"] == password),
+           "a password to the wrong one, or the wrong password");
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -169,6 +242,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (whole.Now() == RequestReader::State::Complete) {
         CheckRequest(whole, text);
         CheckBody(whole.Body());
+        CheckAnswer(whole);
     }
     // Few inputs get that far: each is a body and a name by itself, too.
     CheckBody(std::string(text));

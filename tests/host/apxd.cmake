@@ -11,7 +11,8 @@ tesauth_host_test(apxd_input_test
   SOURCES apxd_host_name_test.cpp apxd_request_body_test.cpp apxd_request_reader_test.cpp
   LIBRARIES tesauth_proxy_input)
 tesauth_host_test(apxd_rules_test
-  SOURCES apxd_network_test.cpp apxd_limits_test.cpp apxd_work_queue_test.cpp
+  SOURCES apxd_network_test.cpp apxd_limits_test.cpp apxd_secret_text_test.cpp
+          apxd_work_queue_test.cpp
   LIBRARIES tesauth_apxd_test)
 tesauth_host_test(apxd_configuration_test
   SOURCES apxd_configuration_test.cpp
@@ -20,6 +21,12 @@ tesauth_host_test(apxd_server_test
   SOURCES apxd_server_test.cpp
   LIBRARIES tesauth_apxd_test nlohmann_json::nlohmann_json
   LABELS stress)
+tesauth_host_test(apxd_service_test
+  SOURCES apxd_service_test.cpp
+  LIBRARIES tesauth_apxd_test nlohmann_json::nlohmann_json)
+tesauth_host_test(apxd_serving_test
+  SOURCES apxd_serving_test.cpp
+  LIBRARIES tesauth_apxd_test)
 tesauth_host_test(apxd_attack_test
   SOURCES apxd_attack_test.cpp
   LIBRARIES tesauth_apxd_test
@@ -28,8 +35,11 @@ tesauth_host_test(apxd_flood_test
   SOURCES apxd_flood_test.cpp
   LIBRARIES tesauth_apxd_test
   LABELS slow TIMEOUT 120)
+tesauth_host_test(apxd_check_test
+  SOURCES apxd_check_test.cpp apxd_program.cpp
+  LIBRARIES tesauth_apxd_test)
 tesauth_host_test(apxd_program_test
-  SOURCES apxd_program_test.cpp
+  SOURCES apxd_program_test.cpp apxd_program.cpp
   LIBRARIES tesauth_apxd_test)
 
 # Without systemd-analyze it counts as skipped, for all to see.
@@ -40,5 +50,5 @@ set_tests_properties(apxd_units_test PROPERTIES SKIP_RETURN_CODE 77)
 tesauth_host_test(apxd_corpus_test
   SOURCES ${PROJECT_SOURCE_DIR}/tests/fuzz/apxd_fuzz.cpp
           ${PROJECT_SOURCE_DIR}/tests/fuzz/replay.cpp
-  LIBRARIES tesauth_proxy_input nlohmann_json::nlohmann_json
+  LIBRARIES tesauth_proxy_server nlohmann_json::nlohmann_json
   ARGUMENTS ${PROJECT_SOURCE_DIR}/tests/fuzz/corpus/apxd)

@@ -1,5 +1,8 @@
 #include "apxd_fixture.h"
 
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
 #include <future>
 #include <thread>
 
@@ -237,14 +240,78 @@ TEST_F(AttackTest, AnswersNoOldTls) {
 
 TEST_F(AttackTest, DoesNoCostlyKeyExchange) {
     Start();
-    for (const char* groups : {"ffdhe2048", "ffdhe8192", "P-521", "X448"}) {
+    for (const char* groups : {"ffdhe2048", "ffdhe8192", "P-384", "P-521", "X448"}) {
         EXPECT_FALSE(Client(Port(), "127.0.0.1", 0, groups).IsUp()) << groups;
     }
-    for (const char* groups : {"X25519", "P-256", "P-384"}) {
+    for (const char* groups : {"X25519", "P-256"}) {
         Client client(Port(), "127.0.0.1", 0, groups);
         client.Send(GetRequest("/healthz"));
         EXPECT_EQ(client.Receive().status, 200) << groups;
     }
+}
+
+TEST_F(AttackTest, StartsNoConnectionOver) {
+    Start();
+    const Client client(Port(), "127.0.0.1", TLS1_2_VERSION);
+    ASSERT_TRUE(client.IsUp());
+    ASSERT_EQ(SSL_renegotiate(client.Tls()), 1);
+    EXPECT_LE(SSL_do_handshake(client.Tls()), 0);
+}
+
+TEST_F(AttackTest, GoesOnWithNoConnectionThatHasEnded) {
+    Start();
+    for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+        Client client(Port(), "127.0.0.1", version);
+        client.Send(GetRequest("/healthz"));
+        ASSERT_EQ(client.Receive().status, 200);
+        const std::unique_ptr<SSL_SESSION, decltype(&SSL_SESSION_free)> session(
+            SSL_get1_session(client.Tls()), SSL_SESSION_free);
+        EXPECT_EQ(SSL_SESSION_is_resumable(session.get()), 0);
+        const Client again(Port(), "127.0.0.1", version, nullptr, session.get());
+        EXPECT_TRUE(again.IsUp());
+        EXPECT_EQ(SSL_session_reused(again.Tls()), 0);
+    }
+}
+
+TEST_F(AttackTest, EndsAGreetingOfCrumbs) {
+    Start();
+    const auto socket = ConnectFrom("127.0.0.1", Port());
+    const std::string greeting = UnfinishedGreeting(1);
+    send(socket.Get(), greeting.data(), greeting.size(), MSG_NOSIGNAL);
+    EXPECT_TRUE(IsEnded(socket.Get()));
+    EXPECT_EQ(log_.Count("closed: no TLS connection: it is too long"), 1u);
+    EXPECT_EQ(ServeHonestHost(), 201);
+}
+
+TEST_F(AttackTest, EndsARequestOfCrumbs) {
+    Start();
+    Client client(Port());
+    client.Send("GET /");
+    for (std::size_t i = 0; i < RequestReader::headLimit / 2 && client.Send("a"); ++i) {
+    }
+    EXPECT_TRUE(IsEnded(client.Socket()));
+    EXPECT_EQ(log_.Count("refused: not a request: it is too long"), 1u);
+    EXPECT_EQ(ServeHonestHost(), 201);
+}
+
+TEST(ConnectionTest, WorksThroughATurnsWorthAtOnce) {
+    // What is a client's own affair must not keep the thread from the others.
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+    const tessary::directory::UniqueFd client(ends[0]);
+    Connection connection(tessary::directory::UniqueFd(ends[1]), Peer{});
+    const UniqueTlsContext context = MakeTlsContext(TestIdentity());
+    ASSERT_TRUE(SendRaw(client.Get(), UnfinishedGreeting(1).substr(0, 20'000)));
+    int turns = 0;
+    auto step = Connection::Step::Waits;
+    for (int left = 20'000; step == Connection::Step::Waits && left > 0; ++turns) {
+        const int before = left;
+        step = connection.Advance(*context);
+        ioctl(connection.Socket(), FIONREAD, &left);
+        EXPECT_LT(before - left, 4200);
+    }
+    EXPECT_EQ(step, Connection::Step::TooMuch);
+    EXPECT_EQ(turns, 4);
 }
 
 TEST_F(AttackTest, AsksNoNameServerAboutHostsThatItMakesNoAccountsFor) {

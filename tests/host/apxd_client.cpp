@@ -96,9 +96,8 @@ bool IsEnded(int socket) {
     return false;
 }
 
-std::string UnfinishedGreeting() {
+std::string UnfinishedGreeting(std::size_t perRecord) {
     constexpr std::size_t longest = 131'000;
-    constexpr std::size_t mostInRecord = 16'384;
     const auto number = [](std::size_t value, int bytes) {
         std::string text;
         for (int i = bytes - 1; i >= 0; --i)
@@ -107,8 +106,8 @@ std::string UnfinishedGreeting() {
     };
     const std::string message = '\x01' + number(longest, 3) + std::string(longest - 1, '\0');
     std::string records;
-    for (std::size_t begin = 0; begin < message.size(); begin += mostInRecord) {
-        const std::string part = message.substr(begin, mostInRecord);
+    for (std::size_t begin = 0; begin < message.size(); begin += perRecord) {
+        const std::string part = message.substr(begin, perRecord);
         records += "\x16\x03\x01" + number(part.size(), 2) + part;
     }
     return records;
@@ -123,7 +122,8 @@ std::string Reply::Code() const {
     return body.substr(digits, body.find_first_not_of("0123456789", digits) - digits);
 }
 
-Client::Client(std::uint16_t port, const std::string& from, int version, const char* groups)
+Client::Client(std::uint16_t port, const std::string& from, int version, const char* groups,
+               SSL_SESSION* session)
     : socket_(ConnectFrom(from, port)), tls_(SSL_new(&Context())) {
     SSL_set_fd(tls_.get(), socket_.Get());
     if (version != 0) {
@@ -132,6 +132,8 @@ Client::Client(std::uint16_t port, const std::string& from, int version, const c
     }
     if (groups != nullptr)
         SSL_set1_groups_list(tls_.get(), groups);
+    if (session != nullptr)
+        SSL_set_session(tls_.get(), session);
     ERR_clear_error();
     up_ = SSL_connect(tls_.get()) == 1;
     if (!up_) {

@@ -27,7 +27,8 @@ tessary::directory::UniqueFd ConnectFrom(const std::string& from, std::uint16_t 
 bool SendRaw(int socket, std::string_view text);
 
 /// The longest greeting that TLS takes, but for its last byte.
-std::string UnfinishedGreeting();
+/// \param perRecord how much of it is in each record
+std::string UnfinishedGreeting(std::size_t perRecord);
 
 /// What arrives until the server ends the connection, or all that came when it was reset.
 std::string ReceiveRaw(int socket);
@@ -54,12 +55,14 @@ class Client {
 public:
     /// \param version the newest one that is offered; 0: any
     /// \param groups  of the key exchange, all that are offered; null: the usual ones
+    /// \param session to go on with, where the server does
     explicit Client(std::uint16_t port, const std::string& from = "127.0.0.1", int version = 0,
-                    const char* groups = nullptr);
+                    const char* groups = nullptr, SSL_SESSION* session = nullptr);
 
     bool IsUp() const { return up_; }
     const std::string& Failure() const { return failure_; }
     int Socket() const { return socket_.Get(); }
+    SSL* Tls() const { return tls_.get(); }
     std::string CertificateThumbprint() const;
 
     /// \return whether it was taken

@@ -36,6 +36,12 @@ using testing::HasSubstr;
 
 constexpr std::size_t megabyte = 1024 * 1024;
 
+/// Whether the server has not ended the connection so far.
+bool IsOpen(int socket) {
+    char byte = 0;
+    return recv(socket, &byte, 1, MSG_DONTWAIT | MSG_PEEK) < 0 && errno == EAGAIN;
+}
+
 class FloodTest : public ServerTest {
 protected:
     FloodTest() {
@@ -113,6 +119,29 @@ TEST_F(FloodTest, MakesRoomWhenAllConnectionsAreTaken) {
     EXPECT_EQ(log_.Count("closed: made room"), 1u);
 }
 
+TEST_F(FloodTest, HasThoseGiveWayWhoHoldTheMost) {
+    settings_.front.connections = 16;
+    settings_.front.requestsPerMinuteAndAddress = 5;
+    Start();
+    const auto modest = HoldSlowly(1, "127.0.0.1");
+    const auto first = HoldSlowly(15, "127.0.0.2");
+    std::vector<tessary::directory::UniqueFd> more;
+    for (int i = 0; i < 9; ++i) {
+        more.push_back(ConnectFrom("127.0.0.2", Port()));
+        ASSERT_TRUE(IsEnded(first[static_cast<std::size_t>(i)]->Socket()));
+    }
+    EXPECT_TRUE(IsOpen(modest.front()->Socket())) << "the oldest, but of one that holds little";
+    EXPECT_EQ(log_.Count("closed: too many connections"), 0u);
+    // Whoever fills the house does so for a minute.
+    for (int i = 0; i < 9; ++i)
+        more.push_back(ConnectFrom("127.0.0.2", Port()));
+    EXPECT_TRUE(IsEnded(more.back().Get()));
+    EXPECT_GE(log_.Count("closed: too many connections"), 1u);
+    EXPECT_EQ(ServeHonestHost(), 201);
+    EXPECT_TRUE(IsOpen(modest.front()->Socket()));
+    EXPECT_TRUE(IsOpen(first.back()->Socket()));
+}
+
 TEST_F(FloodTest, GivesStrangersAShareOfTheConnections) {
     settings_.front.allowedNetworks = {*Network::Parse("127.0.0.9/32")};
     settings_.front.connections = 32;
@@ -143,6 +172,7 @@ TEST_F(FloodTest, ServesWhenDescriptorsRunOut) {
 }
 
 TEST_F(FloodTest, ServesOnceTheSystemCanWatchMoreAgain) {
+    settings_.front.requestTime = std::chrono::hours(1);
     Start();
     nothingMoreToWatch = true;
     EXPECT_TRUE(IsEnded(ConnectFrom("127.0.0.1", Port()).Get()));
@@ -153,11 +183,12 @@ TEST_F(FloodTest, ServesOnceTheSystemCanWatchMoreAgain) {
 }
 
 TEST_F(FloodTest, HoldsUnfinishedGreetingsInTheMemoryThatIsAllowedFor) {
-    constexpr std::size_t allowedForEach = 200 * 1024; // by the service's limit on memory
+    constexpr std::size_t allowedForEach = 100 * 1024; // by the service's limit on memory
+    constexpr std::size_t held = 16'000; // of a longer one, the rest is not waited for
     constexpr std::size_t count = 200;
     Start();
     ASSERT_EQ(ServeHonestHost(), 201);
-    const std::string greeting = UnfinishedGreeting();
+    const std::string greeting = UnfinishedGreeting(4096).substr(0, held);
     const std::size_t before = ResidentBytes();
     std::vector<tessary::directory::UniqueFd> clients;
     for (std::size_t i = 0; i < count; ++i) {
@@ -165,7 +196,8 @@ TEST_F(FloodTest, HoldsUnfinishedGreetingsInTheMemoryThatIsAllowedFor) {
         ASSERT_EQ(send(clients.back().Get(), greeting.data(), greeting.size(), MSG_NOSIGNAL),
                   static_cast<ssize_t>(greeting.size()));
     }
-    EXPECT_EQ(ServeHonestHost(), 201);
+    for (int i = 0; i < 5; ++i)
+        EXPECT_EQ(ServeHonestHost(), 201);
     EXPECT_GE(server_->Connections(), count) << "they were to be held";
     EXPECT_LT(ResidentBytes(), before + count * allowedForEach);
     RecordProperty("kibibytes", std::to_string((ResidentBytes() - before) / count / 1024));
@@ -184,9 +216,19 @@ TEST_F(FloodTest, RefusesAnAddressThatAsksTooOften) {
         }
     }
     EXPECT_THAT(statuses, ElementsAre(201, 201, 201, 201, 201, 429, 429, 429));
-    EXPECT_EQ(Ask(Port(), GetRequest("/healthz")).status, 200) << "it counts nothing";
+    EXPECT_EQ(Ask(Port(), GetRequest("/healthz")).status, 200) << "it is counted by itself";
     EXPECT_EQ(ServeHonestHost(), 201);
     EXPECT_EQ(accounts_.Asked().size(), 6u);
+}
+
+TEST_F(FloodTest, RefusesAnAddressThatAsksForHealthTooOften) {
+    settings_.front.requestsPerMinuteAndAddress = 2;
+    Start();
+    for (int i = 0; i < 20; ++i)
+        ASSERT_EQ(Ask(Port(), GetRequest("/healthz")).status, 200);
+    EXPECT_EQ(Ask(Port(), GetRequest("/healthz")).status, 429);
+    EXPECT_EQ(Ask(Port(), GetRequest("/v1/domain")).status, 200) << "it is counted by itself";
+    EXPECT_EQ(Ask(Port(), GetRequest("/healthz"), "127.0.0.2").status, 200);
 }
 
 TEST_F(FloodTest, ClosesTheDoorToAnAddressThatGoesOnAndOn) {
@@ -200,6 +242,59 @@ TEST_F(FloodTest, ClosesTheDoorToAnAddressThatGoesOnAndOn) {
     const Client client(Port());
     EXPECT_FALSE(client.IsUp());
     EXPECT_EQ(ServeHonestHost(), 201);
+}
+
+TEST_F(FloodTest, ClosesTheDoorToAnAddressThatLeavesAgainAndAgain) {
+    settings_.front.requestsPerMinuteAndAddress = 5;
+    Start();
+    for (int i = 0; i < 10; ++i) {
+        const auto socket = ConnectFrom("127.0.0.1", Port());
+        shutdown(socket.Get(), SHUT_WR);
+        ASSERT_TRUE(IsEnded(socket.Get()));
+    }
+    EXPECT_GE(log_.Count("closed: the client left early"), 5u);
+    EXPECT_FALSE(Client(Port()).IsUp());
+    EXPECT_EQ(ServeHonestHost(), 201);
+}
+
+TEST_F(FloodTest, ClosesTheDoorToAnAddressThatIsSlowAgainAndAgain) {
+    settings_.front.requestsPerMinuteAndAddress = 5;
+    settings_.front.requestTime = milliseconds(300);
+    Start();
+    std::vector<tessary::directory::UniqueFd> silent;
+    for (int i = 0; i < 10; ++i)
+        silent.push_back(ConnectFrom("127.0.0.1", Port()));
+    for (const auto& socket : silent)
+        ASSERT_TRUE(IsEnded(socket.Get()));
+    EXPECT_GE(log_.Count("closed: too slow"), 5u);
+    EXPECT_FALSE(Client(Port()).IsUp());
+    EXPECT_EQ(ServeHonestHost(), 201);
+}
+
+TEST_F(FloodTest, ClosesTheDoorToAStrangerThatGoesOnAndOn) {
+    settings_.front.allowedNetworks = {*Network::Parse("127.0.0.9")};
+    settings_.front.requestsPerMinuteAndAddress = 5;
+    Start();
+    for (int i = 0; i < 10; ++i)
+        ASSERT_EQ(Ask(Port(), GetRequest("/v1/domain")).status, 403);
+    EXPECT_FALSE(Client(Port()).IsUp());
+    EXPECT_EQ(ServeHonestHost(), 201);
+}
+
+TEST_F(FloodTest, DoesNotLetNonsenseUseUpWhatThereIsForAll) {
+    settings_.front.requestsPerMinute = 4;
+    Start();
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ(Ask(Port(), "nonsense\r\n\r\n").status, 400);
+    EXPECT_EQ(ServeHonestHost(), 201);
+}
+
+TEST_F(FloodTest, CountsRequestsThatNothingIsThereFor) {
+    settings_.front.requestsPerMinute = 2;
+    Start();
+    EXPECT_EQ(Ask(Port(), GetRequest("/")).status, 404);
+    EXPECT_EQ(Ask(Port(), GetRequest("/v1/machine-accounts")).status, 405);
+    EXPECT_EQ(Ask(Port(), GetRequest("/v1/domain")).status, 429);
 }
 
 TEST_F(FloodTest, RefusesMoreRequestsInAllThanThereMayBe) {
@@ -271,6 +366,46 @@ TEST_F(FloodTest, ForgetsRequestsWhoseClientsAreGone) {
     EXPECT_EQ(ServeHonestHost(), 201);
     EXPECT_LE(accounts_.Asked().size(), 1 + settings_.workersPerAddress)
         << "what had begun, and the honest one's";
+}
+
+TEST_F(FloodTest, ForgetsRequestsWhoseClientsHaveEndedInOrder) {
+    names_["slow.corp.example"] = {"127.0.0.1"};
+    settings_.workersPerAddress = 1;
+    Start();
+    accounts_.Hold("slow.corp.example");
+    for (int i = 0; i < 10; ++i) {
+        Client client(Port());
+        client.Send(AccountRequestOf("slow.corp.example"));
+        if (i == 0) {
+            ASSERT_TRUE(accounts_.WaitForHeld(1));
+        }
+    }
+    EXPECT_TRUE(WaitForConnections(0));
+    accounts_.LetGo();
+    EXPECT_EQ(ServeHonestHost(), 201);
+    EXPECT_TRUE(server_->Stop(tessary::directory::Deadline::In(patience)));
+    EXPECT_EQ(accounts_.Asked().size(), 2u) << "what had begun, and the honest one's";
+    EXPECT_EQ(log_.Count("5 times closed: the client left early"), 1u) << "and five lines before";
+    EXPECT_EQ(log_.Count(": the client left before it had its answer"), 1u);
+}
+
+TEST_F(FloodTest, SendsThoseAwayWhoWouldWaitForTooLong) {
+    settings_.workers = 1;
+    settings_.front.waitTime = milliseconds(200);
+    Start();
+    accounts_.Hold("web1.corp.example");
+    Client first(Port());
+    first.Send(AccountRequestOf("web1.corp.example"));
+    ASSERT_TRUE(accounts_.WaitForHeld(1));
+    const Reply reply = Ask(Port(), AccountRequestOf("honest.corp.example"), "127.0.0.9");
+    EXPECT_EQ(reply.status, 503);
+    EXPECT_EQ(reply.Code(), "1359");
+    EXPECT_THAT(reply.head, HasSubstr("Retry-After: 60"));
+    EXPECT_EQ(log_.Count("refused: too many others wait"), 1u);
+    accounts_.LetGo();
+    EXPECT_EQ(first.Receive().status, 201) << "it had begun";
+    EXPECT_THAT(accounts_.Asked(), ElementsAre("web1.corp.example|"));
+    EXPECT_EQ(ServeHonestHost(), 201);
 }
 
 TEST_F(FloodTest, EndsAClientThatDoesNotEndItsSide) {

@@ -19,61 +19,99 @@ const Clock::time_point start{std::chrono::hours(1)};
 TEST(RequestLimitsTest, GrantAMinutesWorthAndFillEvenly) {
     RequestLimits limits(6, 1000);
     for (int i = 0; i < 6; ++i)
-        EXPECT_TRUE(limits.Charge(one, true, start));
-    EXPECT_FALSE(limits.Charge(one, true, start));
-    EXPECT_TRUE(limits.Charge(other, true, start)) << "it is another's";
-    EXPECT_FALSE(limits.Charge(one, true, start + seconds(10))) << "that one was charged, too";
-    EXPECT_TRUE(limits.Charge(one, true, start + seconds(30)));
+        EXPECT_TRUE(limits.ChargeRequest(one, start));
+    EXPECT_FALSE(limits.ChargeRequest(one, start));
+    EXPECT_TRUE(limits.ChargeRequest(other, start)) << "it is another's";
+    EXPECT_FALSE(limits.ChargeRequest(one, start + seconds(10))) << "that one was charged, too";
+    EXPECT_TRUE(limits.ChargeRequest(one, start + seconds(30)));
 }
 
 TEST(RequestLimitsTest, HoldNoMoreThanAMinutesWorth) {
     RequestLimits limits(2, 1000);
-    limits.Charge(one, true, start);
+    limits.ChargeRequest(one, start);
     const auto later = start + std::chrono::hours(10);
-    EXPECT_TRUE(limits.Charge(one, true, later));
-    EXPECT_TRUE(limits.Charge(one, true, later));
-    EXPECT_FALSE(limits.Charge(one, true, later));
+    EXPECT_TRUE(limits.ChargeRequest(one, later));
+    EXPECT_TRUE(limits.ChargeRequest(one, later));
+    EXPECT_FALSE(limits.ChargeRequest(one, later));
 }
 
 TEST(RequestLimitsTest, CountAllTogether) {
     RequestLimits limits(10, 3);
-    EXPECT_TRUE(limits.Charge(one, true, start));
-    EXPECT_TRUE(limits.Charge(other, true, start));
-    EXPECT_TRUE(limits.Charge(other, false, start)) << "not counted among all";
-    EXPECT_TRUE(limits.Charge(one, true, start));
-    EXPECT_FALSE(limits.Charge(one, true, start));
-    EXPECT_TRUE(limits.Charge(one, true, start + seconds(20)));
+    EXPECT_TRUE(limits.ChargeRequest(one, start));
+    EXPECT_TRUE(limits.ChargeRequest(other, start));
+    EXPECT_TRUE(limits.ChargeNuisance(other, true, start)) << "not counted among all";
+    EXPECT_TRUE(limits.ChargeRequest(one, start));
+    EXPECT_FALSE(limits.ChargeRequest(one, start));
+    EXPECT_TRUE(limits.ChargeRequest(one, start + seconds(20)));
+}
+
+TEST(RequestLimitsTest, CountNuisancesAsRequests) {
+    RequestLimits limits(2, 1000);
+    EXPECT_TRUE(limits.ChargeNuisance(one, true, start));
+    EXPECT_TRUE(limits.ChargeNuisance(one, true, start));
+    EXPECT_FALSE(limits.ChargeRequest(one, start));
+}
+
+TEST(RequestLimitsTest, CountQuestionsAboutHealthByThemselves) {
+    RequestLimits limits(2, 2);
+    for (unsigned i = 0; i < 2 * RequestLimits::healthRequestsForOne; ++i)
+        EXPECT_TRUE(limits.ChargeHealthRequest(one, start));
+    EXPECT_FALSE(limits.ChargeHealthRequest(one, start));
+    EXPECT_FALSE(limits.IsFlooding(one, true, start));
+    EXPECT_TRUE(limits.ChargeHealthRequest(other, start));
+    EXPECT_TRUE(limits.ChargeRequest(one, start));
+    for (int i = 0; i < 1000; ++i)
+        limits.ChargeHealthRequest(one, start);
+    EXPECT_TRUE(limits.IsFlooding(one, true, start));
 }
 
 TEST(RequestLimitsTest, TellWhoGoesOnAndOn) {
-    RequestLimits limits(3, 1000);
-    EXPECT_FALSE(limits.IsFlooding(one, start));
-    for (int i = 0; i < 5; ++i)
-        limits.Charge(one, true, start);
-    EXPECT_FALSE(limits.IsFlooding(one, start));
-    for (int i = 0; i < 1000; ++i)
-        limits.Charge(one, true, start);
-    EXPECT_TRUE(limits.IsFlooding(one, start));
-    EXPECT_FALSE(limits.IsFlooding(other, start));
-    EXPECT_FALSE(limits.IsFlooding(one, start + seconds(21))) << "the debt has an end";
-    EXPECT_TRUE(limits.Charge(one, true, start + seconds(81)));
+    for (const bool isListed : {true, false}) {
+        RequestLimits limits(3, 1000);
+        EXPECT_FALSE(limits.IsFlooding(one, isListed, start));
+        for (int i = 0; i < 5; ++i)
+            limits.ChargeNuisance(one, isListed, start);
+        EXPECT_FALSE(limits.IsFlooding(one, isListed, start));
+        for (int i = 0; i < 1000; ++i)
+            limits.ChargeNuisance(one, isListed, start);
+        EXPECT_TRUE(limits.IsFlooding(one, isListed, start));
+        EXPECT_FALSE(limits.IsFlooding(other, isListed, start));
+        EXPECT_FALSE(limits.IsFlooding(one, isListed, start + seconds(21)))
+            << "the debt has an end";
+        EXPECT_TRUE(limits.ChargeNuisance(one, isListed, start + seconds(81)));
+    }
 }
 
-TEST(RequestLimitsTest, RememberSoManyAddressesAndForgetTheOldest) {
-    RequestLimits limits(1, 1'000'000);
-    EXPECT_TRUE(limits.Charge(one, true, start));
-    EXPECT_TRUE(limits.Charge(other, true, start));
-    for (unsigned i = 0; i < RequestLimits::mostAddresses - 1; ++i) {
-        const std::string text = "10.0." + std::to_string(i / 256) + "." + std::to_string(i % 256);
-        EXPECT_TRUE(limits.Charge(*IpAddress::Parse(text), true, start));
+/// A different address each time.
+IpAddress Numbered(std::size_t number) {
+    return *IpAddress::Parse("10.0." + std::to_string(number / 256) + "." +
+                             std::to_string(number % 256));
+}
+
+TEST(RequestLimitsTest, RememberAnAddressWhateverStrangersDo) {
+    RequestLimits limits(1, 1000);
+    for (int i = 0; i < 5; ++i)
+        limits.ChargeRequest(one, start);
+    ASSERT_TRUE(limits.IsFlooding(one, true, start));
+    for (std::size_t i = 0; i < 2 * Budgets::mostAddresses; ++i)
+        limits.ChargeNuisance(Numbered(i), false, start);
+    EXPECT_TRUE(limits.IsFlooding(one, true, start));
+}
+
+TEST(BudgetsTest, RememberSoManyAddressesAndForgetTheOldest) {
+    Budgets budgets(1);
+    EXPECT_TRUE(budgets.Charge(one, start));
+    EXPECT_TRUE(budgets.Charge(other, start));
+    for (std::size_t i = 0; i < Budgets::mostAddresses - 1; ++i) {
+        EXPECT_TRUE(budgets.Charge(Numbered(i), start));
         if (i == 0) {
-            EXPECT_FALSE(limits.Charge(other, true, start));
+            EXPECT_FALSE(budgets.Charge(other, start));
         }
     }
-    EXPECT_EQ(limits.Addresses(), RequestLimits::mostAddresses);
-    EXPECT_FALSE(limits.Charge(other, true, start)) << "it has asked since";
-    EXPECT_TRUE(limits.Charge(one, true, start));
-    EXPECT_EQ(limits.Addresses(), RequestLimits::mostAddresses);
+    EXPECT_EQ(budgets.Size(), Budgets::mostAddresses);
+    EXPECT_FALSE(budgets.Charge(other, start)) << "it has asked since";
+    EXPECT_TRUE(budgets.Charge(one, start));
+    EXPECT_EQ(budgets.Size(), Budgets::mostAddresses);
 }
 
 TEST(NuisanceLogTest, WritesTheFirstOnesAndOfTheOthersHowManyThereWere) {

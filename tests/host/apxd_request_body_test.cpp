@@ -9,9 +9,10 @@ namespace {
 using namespace tessary::proxy;
 
 TEST(RequestBodyTest, HasAHostNameAndMayHaveAContainer) {
-    const auto both = AccountRequest::Parse(R"( {"container":"Hosts/Wéb","hostName":"a\u0000b"} )");
+    const auto both =
+        AccountRequest::Parse(R"( {"container":"Hosts/Wéb\n","hostName":"a\u0000b"} )");
     EXPECT_EQ(both.hostName, std::string("a\0b", 3)) << "whether it is one is for others to say";
-    EXPECT_EQ(both.container, "Hosts/Wéb");
+    EXPECT_EQ(both.container, "Hosts/Wéb\n") << "this, too";
     EXPECT_EQ(AccountRequest::Parse(R"({"hostName":"a"})").container, "");
     EXPECT_EQ(AccountRequest::Parse(R"({"hostName":"a","container":null})").container, "");
 }
@@ -45,8 +46,6 @@ TEST(RequestBodyTest, HasNothingElse) {
           std::string("{\"hostName\":\"\xff\"}"),
           std::string("{\"hostName\":\"a\"}\0", 17),
           std::string("{'hostName':'a'}"),
-          std::string(R"({"hostName":"a","container":"a\u0000b"})"),
-          std::string(R"({"hostName":"a","container":"a\nb"})"),
           std::string(8192, '[')}) {
         try {
             AccountRequest::Parse(body);

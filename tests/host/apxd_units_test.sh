@@ -39,6 +39,7 @@ command=$(value ExecStart)
 [ "$command" = /usr/sbin/tesauth-apxd ] && [ -x "$command" ] || fail "it runs: $command"
 expect Type notify
 expect User tesauth-apxd
+expect RestartPreventExitStatus '2 3'
 expect StateDirectory tesauth-apxd
 expect StateDirectoryMode 0700
 expect CapabilityBoundingSet ''

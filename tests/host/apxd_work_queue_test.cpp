@@ -2,8 +2,34 @@
 
 #include <gmock/gmock.h>
 
+#include <dlfcn.h>
+#include <pthread.h>
+
 #include <atomic>
+#include <cerrno>
 #include <future>
+#include <new>
+#include <string>
+#include <system_error>
+
+namespace {
+/// How many more threads the system starts; any number where it is negative.
+std::atomic<int> threadsToBeHad = -1;
+} // namespace
+
+/// In place of the C library's.
+extern "C" [[gnu::visibility("default")]] int pthread_create(pthread_t* thread,
+                                                             const pthread_attr_t* attributes,
+                                                             void* (*start)(void*),
+                                                             void* argument) {
+    if (threadsToBeHad == 0)
+        return EAGAIN;
+    if (threadsToBeHad > 0)
+        --threadsToBeHad;
+    using Function = int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+    static auto* const real = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, "pthread_create"));
+    return real(thread, attributes, start, argument);
+}
 
 namespace {
 
@@ -12,6 +38,7 @@ using tessary::directory::Deadline;
 
 const IpAddress one = *IpAddress::Parse("192.0.2.1");
 const IpAddress other = *IpAddress::Parse("192.0.2.2");
+const IpAddress third = *IpAddress::Parse("192.0.2.3");
 constexpr std::chrono::seconds patience{20};
 
 /// Holds jobs until it is opened.
@@ -37,7 +64,6 @@ struct Gate {
 TEST(WorkQueueTest, LetsOthersPassASiteThatHasEnoughRunning) {
     WorkQueue queue(3, 2);
     Gate gate;
-    std::vector<int> order;
     std::promise<void> passed;
     for (std::uint64_t id = 1; id <= 5; ++id)
         queue.Add({id, one, false, gate.Job()});
@@ -51,33 +77,74 @@ TEST(WorkQueueTest, LetsOthersPassASiteThatHasEnoughRunning) {
     EXPECT_EQ(gate.waiting, 5);
 }
 
+/// The order in which jobs were run.
+class Order {
+public:
+    std::function<void()> Job(char who) {
+        return [this, who] {
+            const std::lock_guard lock(mutex_);
+            done_ += who;
+        };
+    }
+    std::string Done() {
+        const std::lock_guard lock(mutex_);
+        return done_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::string done_;
+};
+
 TEST(WorkQueueTest, SitesWithNothingRunningGoFirst) {
     WorkQueue queue(2, 2);
     Gate held, first;
-    std::mutex mutex;
-    std::string order;
-    const auto note = [&](char who) {
-        return [&, who] {
-            const std::lock_guard lock(mutex);
-            order += who;
-        };
-    };
+    Order order;
     queue.Add({1, one, false, held.Job()});
     queue.Add({2, other, false, first.Job()});
     ASSERT_TRUE(held.HasWaiting(1));
     ASSERT_TRUE(first.HasWaiting(1));
-    queue.Add({3, one, false, note('a')});
-    queue.Add({4, one, false, note('b')});
-    queue.Add({5, *IpAddress::Parse("192.0.2.3"), false, note('c')});
+    queue.Add({3, one, false, order.Job('a')});
+    queue.Add({4, one, false, order.Job('b')});
+    queue.Add({5, third, false, order.Job('c')});
     first.opening.set_value(); // its worker finds all three
     const Deadline deadline = Deadline::In(patience);
-    for (std::size_t done = 0; done < 3 && !deadline.Passed();) {
-        const std::lock_guard lock(mutex);
-        done = order.size();
-    }
-    EXPECT_EQ(order, "cab");
+    while (order.Done().size() < 3 && !deadline.Passed())
+        std::this_thread::yield();
+    EXPECT_EQ(order.Done(), "cab");
     held.opening.set_value();
     EXPECT_TRUE(queue.WaitUntilIdle(Deadline::In(patience)));
+}
+
+TEST(WorkQueueTest, SitesTakeTurnsHoweverMuchTheyHaveWaiting) {
+    WorkQueue queue(1, 2);
+    Gate gate;
+    Order order;
+    queue.Add({1, one, false, gate.Job()});
+    ASSERT_TRUE(gate.HasWaiting(1));
+    for (std::uint64_t id = 2; id <= 4; ++id)
+        queue.Add({id, one, false, order.Job('a')}); // nothing of it runs when these are considered
+    queue.Add({5, other, false, order.Job('b')});
+    queue.Add({6, other, false, order.Job('b')});
+    queue.Add({7, third, false, order.Job('c')});
+    gate.opening.set_value();
+    EXPECT_TRUE(queue.WaitUntilIdle(Deadline::In(patience)));
+    EXPECT_EQ(order.Done(), "bcabaa");
+}
+
+TEST(WorkQueueTest, GoesOnAfterAJobThatFails) {
+    WorkQueue queue(1, 1);
+    Order order;
+    queue.Add({1, one, false, [] { throw std::bad_alloc(); }});
+    queue.Add({2, one, false, order.Job('a')});
+    EXPECT_TRUE(queue.WaitUntilIdle(Deadline::In(patience)));
+    EXPECT_EQ(order.Done(), "a");
+}
+
+TEST(WorkQueueTest, FailsWhereThereAreNotSoManyThreads) {
+    threadsToBeHad = 3;
+    EXPECT_THROW(WorkQueue(4, 1), std::system_error);
+    threadsToBeHad = -1;
 }
 
 TEST(WorkQueueTest, KeepsAThreadForQuickJobs) {
@@ -101,8 +168,8 @@ TEST(WorkQueueTest, ForgetsJobsThatAreCancelled) {
     queue.Add({1, one, false, gate.Job()});
     queue.Add({2, one, false, [&] { ran = true; }});
     ASSERT_TRUE(gate.HasWaiting(1));
-    queue.Cancel(2);
-    queue.Cancel(1); // it runs
+    EXPECT_TRUE(queue.Cancel(2));
+    EXPECT_FALSE(queue.Cancel(1)) << "it runs";
     gate.opening.set_value();
     EXPECT_TRUE(queue.WaitUntilIdle(Deadline::In(patience)));
     EXPECT_FALSE(ran);
