@@ -158,7 +158,8 @@ void AccountSweep::DecideMade(AccountRecord record, const std::optional<AccountF
 void AccountSweep::DecideGiven(AccountRecord record, const std::optional<AccountFacts>& account) {
     if (!account)
         return Await(record);
-    const bool isLateReset = record.state == AccountState::Withdrawn &&
+    // After a day it is more likely that the record is an old copy, and the host has asked again.
+    const bool isLateReset = record.state == AccountState::Withdrawn && !IsOver(record) &&
                              account->mark != record.mark && account->mark.starts_with(markPrefix);
     if (account->passwordSet > record.passwordSet && isLateReset) {
         // One of ours that was done after all; nobody has its password.
@@ -229,8 +230,9 @@ void AccountSweep::Withdraw(AccountRecord record, const AccountFacts& account) {
 /// Ends the password that was handed out, be it that this cannot be recorded: then the next look
 /// finds the account disabled, and records it.
 void AccountSweep::Disable(AccountRecord record, const AccountFacts& account) {
-    if (std::exchange(record.state, AccountState::Withdrawn) != AccountState::Withdrawn)
+    if (record.state != AccountState::Withdrawn || !account.IsDisabled())
         record.started = SecondsOf(clock_());
+    record.state = AccountState::Withdrawn;
     std::exception_ptr unrecorded;
     try {
         records_.Put(record, clock_() + retryTime);

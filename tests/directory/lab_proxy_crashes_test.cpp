@@ -195,6 +195,20 @@ TEST_F(LabProxyCrashes, ResetThatIsDoneAfterItsAccountWasTakenBackIsNoHosts) {
     EXPECT_EQ(Count(account), 0u);
 }
 
+TEST_F(LabProxyCrashes, AccountThatTheRecordKnowsOnlyFromLongAgoIsItsHosts) {
+    Make(host);
+    Pass(minutes(11));
+    EXPECT_EQ(Record(account).value().state, AccountState::Withdrawn);
+    Advance(
+        minutes(26 * 60)); // the record is a copy from then: the host has asked again and joined
+    ChangePassword(account);
+    Change(Only(account).dn, "adminDescription", "tesauth-apxd another");
+    Change(Only(account).dn, "userAccountControl", "4096");
+    Pass(minutes(0));
+    EXPECT_EQ(Only(account).Value("userAccountControl"), "4096");
+    EXPECT_EQ(Record(account).value().state, AccountState::Taken);
+}
+
 TEST_F(LabProxyCrashes, AccountThatWasResetAndThenJoinedWithInAnotherWayIsLeftAlone) {
     Make(host);
     ChangePassword(account);
