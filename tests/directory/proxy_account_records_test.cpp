@@ -261,6 +261,7 @@ TEST_F(ProxyAccountRecords, FullDiskIsAnErrorAndLosesNothing) {
 TEST_F(ProxyAccountRecords, ManyProcessesWriteAtOnce) {
     constexpr int processes = 4;
     constexpr int each = 25;
+    AccountRecords{folder_}; // only one process makes it: see OneAtATimeServesFromAFolder
     pid_t children[processes];
     for (int i = 0; i < processes; ++i) {
         children[i] = fork();
