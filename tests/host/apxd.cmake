@@ -13,7 +13,7 @@ tesauth_host_test(apxd_input_test
 tesauth_host_test(apxd_rules_test
   SOURCES apxd_network_test.cpp apxd_limits_test.cpp apxd_secret_text_test.cpp
           apxd_work_queue_test.cpp
-  LIBRARIES tesauth_apxd_test)
+  LIBRARIES tesauth_apxd_test tesauth_freed_memory)
 tesauth_host_test(apxd_configuration_test
   SOURCES apxd_configuration_test.cpp
   LIBRARIES tesauth_apxd_test)
@@ -23,7 +23,7 @@ tesauth_host_test(apxd_server_test
   LABELS stress)
 tesauth_host_test(apxd_service_test
   SOURCES apxd_service_test.cpp
-  LIBRARIES tesauth_apxd_test nlohmann_json::nlohmann_json)
+  LIBRARIES tesauth_apxd_test tesauth_freed_memory nlohmann_json::nlohmann_json)
 tesauth_host_test(apxd_serving_test
   SOURCES apxd_serving_test.cpp
   LIBRARIES tesauth_apxd_test)

@@ -1,51 +1,19 @@
 #include "secret_text.h"
 
 #include <gtest/gtest.h>
-#include <malloc.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <new>
+#include <string>
 
-namespace {
-
-constexpr std::string_view secret = "one-time password of the account";
-
-/// Whether memory is looked at before it is given back, and how often the secret was in it.
-std::atomic<bool> looking = false;
-std::atomic<int> found = 0;
-
-void Look(void* memory) {
-    if (!looking || memory == nullptr)
-        return;
-    const std::string_view bytes(static_cast<char*>(memory), malloc_usable_size(memory));
-    found += bytes.find(secret) != std::string_view::npos;
-}
-
-} // namespace
-
-// Where only one of a pair is inlined, the compiler takes them for mismatched.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    void* const memory = std::malloc(size != 0 ? size : 1);
-    if (memory == nullptr)
-        throw std::bad_alloc();
-    return memory;
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    Look(memory);
-    std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-    Look(memory);
-    std::free(memory);
-}
+#include "freed_memory.h"
 
 namespace {
 
 using tessary::proxy::SecretText;
 
+constexpr std::string_view secret = "one-time password of the account";
+
 TEST(SecretTextTest, LeavesNothingInMemoryThatItGivesBack) {
-    looking = true;
+    const FreedMemoryWatch watch(secret);
     {
         SecretText text(secret);
         for (int i = 0; i < 100; ++i) // it moves as it grows
@@ -54,12 +22,9 @@ TEST(SecretTextTest, LeavesNothingInMemoryThatItGivesBack) {
         SecretText moved = std::move(text);
         moved = SecretText("other");
     }
-    looking = false;
-    EXPECT_EQ(found, 0);
-    looking = true;
+    EXPECT_EQ(watch.Found(), 0);
     delete new std::string(secret);
-    looking = false;
-    EXPECT_EQ(found, 1) << "it was to be seen";
+    EXPECT_EQ(watch.Found(), 1) << "it was to be seen";
 }
 
 } // namespace

@@ -1,47 +1,10 @@
-#include <malloc.h>
-
-#include <atomic>
-#include <cstdlib>
-#include <new>
 #include <nlohmann/json.hpp>
 
 #include "apxd_fixture.h"
+#include "freed_memory.h"
 #include "http_service.h"
 
 /// The answers alone, without a network; and what becomes of them.
-namespace {
-
-/// Whether memory is looked at before it is given back, and how often the password was in it.
-std::atomic<bool> looking = false;
-std::atomic<int> found = 0;
-/// What ScriptedAccounts::password has before the signs that JSON has another way of writing.
-constexpr std::string_view password = "Abcdefghijklmnopqrstuvwxyz0123456789";
-
-void Look(void* memory) {
-    if (looking && memory != nullptr) {
-        const std::string_view bytes(static_cast<char*>(memory), malloc_usable_size(memory));
-        found += bytes.find(password) != std::string_view::npos;
-    }
-}
-
-} // namespace
-
-// Where only one of a pair is inlined, the compiler takes them for mismatched.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    void* const memory = std::malloc(size != 0 ? size : 1);
-    if (memory == nullptr)
-        throw std::bad_alloc();
-    return memory;
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    Look(memory);
-    std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-    Look(memory);
-    std::free(memory);
-}
-
 namespace apxd_test {
 namespace {
 
@@ -51,6 +14,9 @@ using testing::AllOf;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::StartsWith;
+
+/// What ScriptedAccounts::password has before the signs that JSON has another way of writing.
+constexpr std::string_view password = "Abcdefghijklmnopqrstuvwxyz0123456789";
 
 const Peer asker{*IpAddress::Parse("192.0.2.7"), 50123};
 
@@ -75,17 +41,14 @@ TEST_F(AnswerTest, LeavesNoCopyOfThePasswordInMemory) {
     const std::string request =
         "POST /v1/machine-accounts HTTP/1.1\r\nContent-Length: " + std::to_string(body.size()) +
         "\r\n\r\n" + body;
-    looking = true;
-    delete new std::string(password);
-    EXPECT_EQ(found.exchange(0), 1) << "the test looks where it should";
-    bool isIn = false;
+    const FreedMemoryWatch watch(password);
     {
         const SecretText answer = service_.Answer(asker, request);
-        isIn = answer.View().find(password) != std::string_view::npos;
+        EXPECT_NE(answer.View().find(password), std::string_view::npos);
     }
-    looking = false;
-    EXPECT_TRUE(isIn);
-    EXPECT_EQ(found, 0);
+    EXPECT_EQ(watch.Found(), 0);
+    delete new std::string(password);
+    EXPECT_EQ(watch.Found(), 1) << "it was to be seen";
 }
 
 TEST_F(AnswerTest, GivesAReasonAlsoWhereTheLibraryHasNone) {

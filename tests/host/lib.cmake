@@ -73,8 +73,9 @@ tesauth_lib_test(lib_membership_test lib_host_name_test.cpp lib_membership_test.
 tesauth_lib_test(lib_proxy_test
   lib_apx_proxy_test.cpp lib_proxy_certificate_test.cpp lib_proxy_join_test.cpp)
 target_link_libraries(lib_proxy_test PRIVATE OpenSSL::Crypto)
-# It stands in for the host's own libraries, and for the memory's release.
+# It stands in for the host's own libraries.
 tesauth_lib_test(lib_proxy_host_test lib_proxy_host_test.cpp)
+target_link_libraries(lib_proxy_host_test PRIVATE tesauth_freed_memory)
 foreach(test lib_membership_test lib_proxy_test lib_proxy_host_test)
   target_link_libraries(${test} PRIVATE tesauth_spoiled_host hykctlcore)
 endforeach()

@@ -1,14 +1,11 @@
 #include <dlfcn.h>
-#include <malloc.h>
 #include <syslog.h>
 
-#include <atomic>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <new>
 #include <string_view>
 
+#include "freed_memory.h"
 #include "hostctl/host.h"
 #include "log_recorder.h"
 #include "named_host.h"
@@ -27,17 +24,7 @@ std::function<std::shared_ptr<Host>()> otherHost;
 /// Called when the library opens the configuration store.
 std::function<void()> whenOpened;
 
-/// Whether memory is looked at before it is given back, and what was found in it.
-std::atomic<bool> looking = false;
-std::atomic<int> found = 0;
 constexpr std::string_view password = "one-time password of the account";
-
-void Look(void* memory) {
-    if (looking && memory != nullptr) {
-        const std::string_view bytes(static_cast<char*>(memory), malloc_usable_size(memory));
-        found += bytes.find(password) != std::string_view::npos;
-    }
-}
 
 } // namespace
 
@@ -60,23 +47,6 @@ OrvConfigStore::ConfigStore::GetStore(const std::string& storeNamespace) {
     return reinterpret_cast<Function*>(
         dlsym(RTLD_NEXT, "_ZN14OrvConfigStore11ConfigStore8GetStoreERKNSt7__cxx1112basic_"
                          "stringIcSt11char_traitsIcESaIcEEE"))(storeNamespace);
-}
-
-// Where only one of a pair is inlined, the compiler takes them for mismatched.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    void* memory = std::malloc(size != 0 ? size : 1);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    Look(memory);
-    std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-    Look(memory);
-    std::free(memory);
 }
 
 namespace {
@@ -137,7 +107,6 @@ protected:
     ~ProxyHostTest() override {
         otherHost = nullptr;
         whenOpened = nullptr;
-        looking = false;
     }
 
     void Join() { store.JoinDomainWithAPX("10.99.7.9", "", true); }
@@ -229,27 +198,17 @@ TEST_F(ProxyHostTest, AnyFailureToReadTheTrustedCertificate) {
 
 TEST_F(ProxyHostTest, PasswordIsOverwrittenBeforeItsMemoryGoes) {
     otherHost = [] { return std::make_shared<OtherHost>(With(std::make_shared<Integer>(0))); };
-    { // what the test sees at all
-        auto kept = std::make_unique<std::string>(password);
-        looking = true;
-        kept.reset();
-        looking = false;
-    }
-    EXPECT_EQ(found.exchange(0), 1);
-    looking = true;
+    const FreedMemoryWatch watch(password);
     Join();
-    looking = false;
-    EXPECT_EQ(found, 0);
-    const auto fail = [&] {
-        looking = true;
-        EXPECT_THROW(Join(), Exception);
-        looking = false;
-        EXPECT_EQ(found, 0);
-    };
+    EXPECT_EQ(watch.Found(), 0);
     Set("joinDomainWithMachineAccount.status", "5");
-    fail();
+    EXPECT_THROW(Join(), Exception);
+    EXPECT_EQ(watch.Found(), 0);
     proxy->domainStatus = 8; // once there is an account
-    fail();
+    EXPECT_THROW(Join(), Exception);
+    EXPECT_EQ(watch.Found(), 0);
+    delete new std::string(password);
+    EXPECT_EQ(watch.Found(), 1) << "it was to be seen";
 }
 
 } // namespace
