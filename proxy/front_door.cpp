@@ -166,7 +166,8 @@ bool FrontDoor::AdmitOrEnd(directory::UniqueFd socket, const Peer& peer) {
 void FrontDoor::Admit(directory::UniqueFd socket, const Peer& peer) {
     const auto now = Clock::now();
     const bool isListed = IsListed(peer.address);
-    const auto known = sites_.find(peer.address.Site());
+    const SiteKey key{peer.address.Site(), isListed};
+    const auto known = sites_.find(key);
     if ((known != sites_.end() && known->second.connections >= settings_.connectionsPerAddress) ||
         (!isListed && unlisted_ >= std::clamp(settings_.connections / 4, 1u, mostStrangers)) ||
         limits_.IsFlooding(peer.address, isListed, now))
@@ -175,9 +176,9 @@ void FrontDoor::Admit(directory::UniqueFd socket, const Peer& peer) {
         return nuisances_.Write(Nuisance::TooManyConnections, peer, "all are being answered", now);
 
     const std::uint64_t id = nextId_++;
-    Site& site = sites_[peer.address.Site()];
-    const auto guest = guests_.try_emplace(id, std::move(socket), peer, isListed, site).first;
-    ++site.connections;
+    const auto site = sites_.try_emplace(key).first;
+    const auto guest = guests_.try_emplace(id, std::move(socket), peer, site).first;
+    ++site->second.connections;
     unlisted_ += isListed ? 0 : 1;
     ++open_;
     try {
@@ -190,19 +191,22 @@ void FrontDoor::Admit(directory::UniqueFd socket, const Peer& peer) {
     }
 }
 
-/// The oldest one gives way, of the site that holds the most.
+/// The oldest one gives way, of the site that holds the most, or of those that do.
 bool FrontDoor::MakeRoom() {
-    const auto held = [](const Sites::value_type& site) { return site.second.unfinished.size(); };
+    const auto rank = [this](const Sites::value_type& site) {
+        const auto& held = site.second.unfinished;
+        return std::pair(held.size(), held.empty() ? 0 : nextId_ - *held.begin());
+    };
     const auto most =
         std::max_element(sites_.begin(), sites_.end(), [&](const auto& one, const auto& other) {
-            return held(one) < held(other);
+            return rank(one) < rank(other);
         });
-    if (most == sites_.end() || held(*most) == 0)
+    if (most == sites_.end() || most->second.unfinished.empty())
         return false;
-    const auto guest = guests_.find(*most->second.unfinished.begin());
-    if (held(*most) > guests_.size() / sites_.size()) // it leaves the others less than a fair share
-        limits_.ChargeNuisance(most->first, guest->second.isListed, Clock::now());
-    EndAs(guest, Nuisance::GaveWay, "");
+    const auto& held = most->second.unfinished;
+    if (held.size() > guests_.size() / sites_.size()) // it leaves the others less than a fair share
+        limits_.ChargeNuisance(most->first.first, most->first.second, Clock::now());
+    EndAs(guests_.find(*held.begin()), Nuisance::GaveWay, "");
     return true;
 }
 
@@ -250,9 +254,9 @@ void FrontDoor::Advance(Guests::iterator guest) {
 void FrontDoor::Follow(Guests::iterator guest) {
     auto& [id, entry] = *guest;
     if (IsUnfinished(entry.connection))
-        entry.site.unfinished.insert(id);
+        entry.site->second.unfinished.insert(id);
     else
-        entry.site.unfinished.erase(id);
+        entry.site->second.unfinished.erase(id);
     if (entry.connection.Events() != entry.watched) {
         entry.watched = entry.connection.Events();
         Watch(EPOLL_CTL_MOD, entry.connection.Socket(), entry.watched, id);
@@ -265,7 +269,7 @@ void FrontDoor::Decide(Guests::iterator guest) {
     const Peer& peer = connection.Client();
     const RequestReader& reader = connection.Reader();
     const bool mayAsk = Charge(guest->second, now);
-    if (!guest->second.isListed) {
+    if (!guest->second.IsListed()) {
         nuisances_.Write(Nuisance::NotAllowed, peer, "", now);
         Refuse(guest, 403, Code::NotAllowed, "this address may not ask the authentication proxy");
     } else if (!mayAsk) {
@@ -284,8 +288,8 @@ void FrontDoor::Decide(Guests::iterator guest) {
 bool FrontDoor::Charge(const Guest& guest, Clock::time_point now) {
     const IpAddress& address = guest.connection.Client().address;
     const RequestReader& reader = guest.connection.Reader();
-    if (!guest.isListed || reader.Now() == RequestReader::State::Refused)
-        return limits_.ChargeNuisance(address, guest.isListed, now);
+    if (!guest.IsListed() || reader.Now() == RequestReader::State::Refused)
+        return limits_.ChargeNuisance(address, guest.IsListed(), now);
     return AsksForHealth(reader) ? limits_.ChargeHealthRequest(address, now)
                                  : limits_.ChargeRequest(address, now);
 }
@@ -332,7 +336,7 @@ void FrontDoor::EndAs(Guests::iterator guest, Nuisance kind, const std::string& 
     const bool isCounted =
         phase == Connection::Phase::Running || phase == Connection::Phase::Writing;
     if (!isCounted && kind != Nuisance::GaveWay)
-        limits_.ChargeNuisance(connection.Client().address, guest->second.isListed, now);
+        limits_.ChargeNuisance(connection.Client().address, guest->second.IsListed(), now);
     End(guest);
 }
 
@@ -340,12 +344,13 @@ void FrontDoor::End(Guests::iterator guest) {
     if (guest->second.connection.WhichPhase() == Connection::Phase::Running)
         cancel_(guest->first);
     SetDeadline(guest, never);
-    guest->second.site.unfinished.erase(guest->first);
-    if (--guest->second.site.connections == 0)
-        sites_.erase(guest->second.connection.Client().address.Site());
-    unlisted_ -= guest->second.isListed ? 0 : 1;
+    unlisted_ -= guest->second.IsListed() ? 0 : 1;
     --open_;
+    const Sites::iterator site = guest->second.site;
+    site->second.unfinished.erase(guest->first);
     guests_.erase(guest);
+    if (--site->second.connections == 0)
+        sites_.erase(site);
 }
 
 void FrontDoor::Answer(std::uint64_t id, const Peer& peer, SecretText answer) {

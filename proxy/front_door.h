@@ -74,16 +74,19 @@ private:
         unsigned connections = 0;
         std::set<std::uint64_t> unfinished; // those that wait for their client to go on
     };
-    using Sites = std::map<IpAddress, Site>;
+    /// By what limits count, and whether it may ask: nobody may share a network with an honest host
+    /// and take its connections.
+    using SiteKey = std::pair<IpAddress, bool>;
+    using Sites = std::map<SiteKey, Site>;
 
     struct Guest {
-        Guest(directory::UniqueFd socket, const Peer& peer, bool listed, Site& its)
-            : connection(std::move(socket), peer), isListed(listed), site(its),
-              watched(connection.Events()) {}
+        Guest(directory::UniqueFd socket, const Peer& peer, Sites::iterator its)
+            : connection(std::move(socket), peer), site(its), watched(connection.Events()) {}
+
+        bool IsListed() const { return site->first.second; }
 
         Connection connection;
-        const bool isListed;
-        Site& site;
+        const Sites::iterator site;
         Clock::time_point deadline = never;
         std::uint32_t watched; // the events that epoll waits for
     };

@@ -32,7 +32,7 @@ tesauth_host_test(apxd_attack_test
   LIBRARIES tesauth_apxd_test
   LABELS slow TIMEOUT 240)
 tesauth_host_test(apxd_flood_test
-  SOURCES apxd_flood_test.cpp
+  SOURCES apxd_flood_test.cpp apxd_request_flood_test.cpp
   LIBRARIES tesauth_apxd_test
   LABELS slow TIMEOUT 120)
 tesauth_host_test(apxd_check_test

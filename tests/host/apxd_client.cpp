@@ -1,6 +1,5 @@
 #include "apxd_client.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/err.h>
@@ -13,6 +12,8 @@
 #include <csignal>
 #include <cstdio>
 #include <system_error>
+
+#include "network.h"
 
 namespace apxd_test {
 namespace {
@@ -29,17 +30,20 @@ void Check(bool holds, const char* what) {
         throw std::system_error(errno, std::generic_category(), what);
 }
 
-sockaddr_in AddressOf(const std::string& text, std::uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    Check(inet_pton(AF_INET, text.c_str(), &address.sin_addr) == 1, "inet_pton");
-    return address;
-}
+/// An address and a port, as the system takes them.
+class SocketAddress {
+public:
+    SocketAddress(const std::string& text, std::uint16_t port)
+        : length_(tessary::proxy::IpAddress::Parse(text).value().ToSocketAddress(port, storage_)) {}
 
-const sockaddr* Generic(const sockaddr_in& address) {
-    return reinterpret_cast<const sockaddr*>(&address);
-}
+    int Family() const { return storage_.ss_family; }
+    const sockaddr* Get() const { return reinterpret_cast<const sockaddr*>(&storage_); }
+    socklen_t Length() const { return length_; }
+
+private:
+    sockaddr_storage storage_{};
+    socklen_t length_;
+};
 
 /// Old versions as well: what the server takes is what is tested.
 SSL_CTX& Context() {
@@ -57,17 +61,17 @@ SSL_CTX& Context() {
 
 UniqueFd ConnectFrom(const std::string& from, std::uint16_t port) {
     std::signal(SIGPIPE, SIG_IGN);
-    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const SocketAddress own(from, 0);
+    const SocketAddress server(own.Family() == AF_INET ? "127.0.0.1" : "::1", port);
+    UniqueFd fd(socket(own.Family(), SOCK_STREAM | SOCK_CLOEXEC, 0));
     Check(static_cast<bool>(fd), "socket");
     const timeval limit{patience.count(), 0};
     setsockopt(fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     setsockopt(fd.Get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     const int yes = 1;
     setsockopt(fd.Get(), IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
-    const sockaddr_in own = AddressOf(from, 0);
-    const sockaddr_in server = AddressOf("127.0.0.1", port);
-    Check(bind(fd.Get(), Generic(own), sizeof own) == 0, "bind");
-    Check(connect(fd.Get(), Generic(server), sizeof server) == 0, "connect");
+    Check(bind(fd.Get(), own.Get(), own.Length()) == 0, "bind");
+    Check(connect(fd.Get(), server.Get(), server.Length()) == 0, "connect");
     return fd;
 }
 

@@ -17,7 +17,7 @@ namespace apxd_test {
 /// No step of a test takes that long unless something hangs.
 inline constexpr std::chrono::seconds patience{20};
 
-/// A TCP connection to 127.0.0.1. Blocks, up to the patience.
+/// A TCP connection to 127.0.0.1, or ::1. Blocks, up to the patience.
 /// \param from the client's own address: all of 127.0.0.0/8 is this host's
 /// \throws std::system_error
 tessary::directory::UniqueFd ConnectFrom(const std::string& from, std::uint16_t port);
