@@ -16,9 +16,9 @@ namespace auth = tessary::authentication;
 
 namespace {
 
-/// What has taken as long as a join's first pause is a join that waits before it tries again.
-constexpr const char* retryHint =
-    "; a join that the directory refuses for the moment is tried 4 times, 30 s apart";
+/// Why a join may take so long.
+constexpr const char* retryHint = "; a busy controller may take a minute, and a join that the "
+                                  "directory refuses for the moment is tried 4 times, 30 s apart";
 
 /// For what joining and leaving ask on the side.
 constexpr int queryWaitSeconds = 10;

@@ -270,11 +270,9 @@ Finding CheckTrust(const DomainState& state, const Login& login) {
             ""};
 }
 
-} // namespace
-
-Findings CheckMembership(const DomainState& state, const std::string& controller,
-                         const Deadline& deadline) {
-    const KeytabContent content = ReadKeytab(state);
+/// \param content as it was before
+Findings LookAt(const DomainState& state, const KeytabContent& content,
+                const std::string& controller, const Deadline& deadline) {
     if (const std::optional<Finding> noKey = FindNoKey(state, content))
         return {*noKey,
                 {trustCheck, Severity::Warning, std::string("not looked at: see ") + keytabCheck,
@@ -285,6 +283,22 @@ Findings CheckMembership(const DomainState& state, const std::string& controller
     else
         login = LogInAt(controller, state, deadline);
     return {CheckKeys(state, content, login), CheckTrust(state, login)};
+}
+
+} // namespace
+
+Findings CheckMembership(const DomainState& state, const std::string& controller,
+                         const Deadline& deadline) {
+    const KeytabContent before = ReadKeytab(state);
+    const Findings findings = LookAt(state, before, controller, deadline);
+    const bool isGood = std::all_of(findings.begin(), findings.end(), [](const Finding& each) {
+        return each.severity == Severity::Ok;
+    });
+    if (isGood)
+        return findings;
+    // A key that is changed meanwhile looks like one that is wrong.
+    const KeytabContent now = ReadKeytab(state);
+    return now.newest == before.newest ? findings : LookAt(state, now, controller, deadline);
 }
 
 } // namespace tessary::directory

@@ -53,9 +53,9 @@ std::vector<std::string> LookUp(Resolver& resolver, const Service& service,
     return hosts;
 }
 
-void AddPreferred(std::vector<NamedController>& controllers) {
+void AddPreferred(std::vector<NamedController>& controllers, Findings& findings) {
     try {
-        for (const std::string& preferred : PreferredControllers()) {
+        for (const std::string& preferred : PreferredIfVisible()) {
             const auto same =
                 std::find_if(controllers.begin(), controllers.end(), [&](const auto& controller) {
                     return EqualNames(controller.host, preferred);
@@ -65,8 +65,10 @@ void AddPreferred(std::vector<NamedController>& controllers) {
             else
                 same->origin.preferred = true;
         }
-    } catch (const Error&) {
-        // Only root may see the list; the service records are there for everybody.
+    } catch (const Error& error) { // which stops whatever looks for a controller
+        const std::string file = PreferredControllersFile();
+        findings.push_back({"preferred controllers", Severity::Failure, error.what(),
+                            "mv " + file + " " + file + ".damaged"});
     }
 }
 
@@ -87,7 +89,7 @@ DomainRecords ReadDomainRecords(const std::string& domain) {
     }
     for (std::string& host : hosts)
         result.controllers.push_back({std::move(host), {}, {}});
-    AddPreferred(result.controllers);
+    AddPreferred(result.controllers, result.findings);
     for (NamedController& controller : result.controllers)
         controller.lookup = resolver.LookUp(controller.host);
     return result;

@@ -101,8 +101,10 @@ void Confirm(Session& session, const DomainState& state, KeyChange& change,
 void TryToConfirm(Session& session, const DomainState& state, KeyChange& change,
                   const std::vector<AccountKey>& keys, const Secret& password) {
     try {
-        if (session.End().Milliseconds() >= settlingTime.count())
+        if (session.End().Milliseconds() >= settlingTime.count()) {
+            session.Extend(Deadline::In(settlingTime));
             return Confirm(session, state, change, keys, password);
+        }
     } catch (const Error&) {
         // The controller may have gone meanwhile, or the connection.
     }

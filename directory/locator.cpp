@@ -211,17 +211,6 @@ private:
     std::vector<Error> failures_;
 };
 
-/// Only root may see the list; the service records are there for everybody.
-std::vector<std::string> PreferredIfVisible() {
-    try {
-        return PreferredControllers();
-    } catch (const Error& error) {
-        if (error.Code() != Status::AccessDenied)
-            throw;
-        return {};
-    }
-}
-
 } // namespace
 
 Controller LocateController(const std::string& domain, const std::vector<std::string>& first,

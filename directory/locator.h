@@ -24,9 +24,10 @@ struct Controller {
 };
 
 /// Finds a controller of a domain: asks the ones named in `first`, then the host's preferred
-/// controllers, then those that the domain's service records name. Several are asked at once, each
-/// a little after the one before, and the first to answer is taken: one that is dead or frozen
-/// costs a fraction of a second, all of them together no more than one waiting time, 5 seconds.
+/// controllers, if this user may read the list, then those that the domain's service records name.
+/// Several are asked at once, each a little after the one before, and the first to answer is taken:
+/// one that is dead or frozen costs a fraction of a second, all of them together no more than one
+/// waiting time, 5 seconds.
 /// Where name servers are silent, the Resolver's time comes on top; controllers that are being
 /// asked meanwhile lose none of theirs, but that of the deadline.
 ///

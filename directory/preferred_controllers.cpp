@@ -14,10 +14,6 @@
 namespace tessary::directory {
 namespace {
 
-std::string Path() {
-    return std::string(stateDirectory) + "/preferred_controllers";
-}
-
 /// The name of an interface or its number.
 bool IsZone(std::string_view text) {
     return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
@@ -51,12 +47,27 @@ bool IsHost(const std::string& text) {
 
 } // namespace
 
+std::string PreferredControllersFile() {
+    return std::string(stateDirectory) + "/preferred_controllers";
+}
+
 std::vector<std::string> PreferredControllers() {
-    return ReadList(Path());
+    return ReadList(PreferredControllersFile());
+}
+
+std::vector<std::string> PreferredIfVisible() {
+    try {
+        return PreferredControllers();
+    } catch (const Error& error) {
+        if (error.Code() != Status::AccessDenied)
+            throw;
+        return {};
+    }
 }
 
 void SetPreferredControllers(const std::vector<std::string>& controllers) {
-    ReplaceList(Path(), controllers, IsHost, "the name or the address of a host");
+    ReplaceList(PreferredControllersFile(), controllers, IsHost,
+                "the name or the address of a host");
 }
 
 } // namespace tessary::directory

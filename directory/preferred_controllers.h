@@ -7,8 +7,15 @@
 
 namespace tessary::directory {
 
+/// Where the list is kept.
+std::string PreferredControllersFile();
+
 /// Names or addresses, in the order to ask them.
 std::vector<std::string> PreferredControllers();
+
+/// The same for whoever goes on without them: none for a user who may not read the list, as only
+/// root may. The service records are there for everybody.
+std::vector<std::string> PreferredIfVisible();
 
 /// Replaces the list; an empty one removes it.
 /// \throws Error InvalidParameter when one is neither a name nor an address

@@ -85,6 +85,7 @@ Resolver::~Resolver() {
 
 bool Resolver::Query(const std::string& name, int type) {
     queryError_ = TRY_AGAIN;
+    isPartial_ = false;
     answer_.clear();
     if (silent_)
         return false;
@@ -94,13 +95,15 @@ bool Resolver::Query(const std::string& name, int type) {
     const int length = res_nquery(&state_, name.c_str(), ns_c_in, type, answer_.data(),
                                   static_cast<int>(answer_.size()));
     queryError_ = length < 0 ? state_.res_h_errno : 0;
+    isPartial_ = reinterpret_cast<const HEADER*>(answer_.data())->tc != 0; // also without a record
     answer_.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
     silent_ = queryError_ == TRY_AGAIN && firstTry.Passed();
     return length >= 0;
 }
 
 bool Resolver::IsTold() const {
-    return queryError_ == 0 || queryError_ == HOST_NOT_FOUND || queryError_ == NO_DATA;
+    return !isPartial_ &&
+           (queryError_ == 0 || queryError_ == HOST_NOT_FOUND || queryError_ == NO_DATA);
 }
 
 void Resolver::AddAddress(const std::string& host, int type, const unsigned char* data,

@@ -82,7 +82,8 @@ private:
     struct __res_state state_ {};
     std::vector<unsigned char> answer_;
     int queryError_ = 0;
-    bool silent_ = false; // the name servers let a question pass without an answer
+    bool isPartial_ = false; // not all of the last answer came
+    bool silent_ = false;    // the name servers let a question pass without an answer
     std::map<std::string, HostAddresses> known_; // by host name in lower case
 };
 

@@ -17,8 +17,9 @@ namespace tessary::directory {
 
 /// The time that one query may take.
 inline constexpr std::chrono::seconds queryTime{15};
-/// The time that a join or a leave may take, without undoing a join that failed. A fleet that joins
-/// at once keeps a controller busy for so long; giving up early would only begin it all again.
+/// The time that a join, a leave or a change of the key may take, without undoing a join that
+/// failed. A fleet that joins at once keeps a controller busy for so long; giving up early would
+/// only begin it all again.
 inline constexpr std::chrono::seconds membershipTime{60};
 
 /// Where to find the key distribution centre of any realm: that of the controller's own realm is

@@ -44,7 +44,8 @@ public:
 
     /// Gives a question that has come, or comes within a moment, an answer with no record in it, or
     /// one for an IPv4 address where there is one to tell.
-    void AnswerOne(int code, bool knowsIpv4) {
+    /// \param isCut the answer says that more was to come
+    void AnswerOne(int code, bool knowsIpv4, bool isCut) {
         pollfd wanted{socket_.Get(), POLLIN, 0};
         if (poll(&wanted, 1, 10) != 1)
             return;
@@ -55,7 +56,7 @@ public:
         const ssize_t got = recvfrom(socket_.Get(), message, sizeof message, 0, to, &length);
         if (got < HFIXEDSZ)
             return;
-        message[2] |= 0x80; // the question is its own answer
+        message[2] |= isCut ? 0x82 : 0x80; // the question is its own answer
         std::string answer(reinterpret_cast<const char*>(message), static_cast<std::size_t>(got));
         const std::size_t type = answer.find('\0', HFIXEDSZ) + 1;
         if (knowsIpv4 && answer.at(type + 1) == ns_t_a) {
@@ -78,8 +79,8 @@ private:
 /// 127.0.0.1 for each host.
 class CurtNameServer {
 public:
-    explicit CurtNameServer(int code, bool knowsIpv4 = false)
-        : thread_([this, code, knowsIpv4] { Serve(code, knowsIpv4); }) {}
+    explicit CurtNameServer(int code, bool knowsIpv4 = false, bool isCut = false)
+        : thread_([=, this] { Serve(code, knowsIpv4, isCut); }) {}
     ~CurtNameServer() {
         end_ = true;
         thread_.join();
@@ -88,9 +89,9 @@ public:
     bool IsBound() const { return server_.IsBound(); }
 
 private:
-    void Serve(int code, bool knowsIpv4) {
+    void Serve(int code, bool knowsIpv4, bool isCut) {
         while (!end_)
-            server_.AnswerOne(code, knowsIpv4);
+            server_.AnswerOne(code, knowsIpv4, isCut);
     }
 
     SilentNameServer server_;
@@ -136,13 +137,34 @@ TEST(Resolver, TellsAnAddressAndThatThereMayBeMore) {
         EXPECT_EQ(lookup.addresses.front().Text(), "127.0.0.1");
         EXPECT_EQ(lookup.failure.has_value(), code == ns_r_servfail);
         // An address is enough for a diagnosis.
-        sethostname("web1.corp.example", 17);
+        ASSERT_EQ(sethostname("web1.corp.example", 17), 0);
         const Finding finding = CheckHostName("corp.example", std::nullopt,
                                               [] { return std::vector<SocketAddress>(); });
         EXPECT_EQ(finding.severity, Severity::Ok) << finding.text;
         const auto reports = ProbeControllers({{"web1.corp.example", lookup, {}}});
         EXPECT_FALSE(reports.at(0).lookupFailure);
     }
+}
+
+TEST(Resolver, DoesNotTakeWhatIsMissingForWhatThereIsNot) {
+    {
+        CurtNameServer server(ns_r_noerror, false, true);
+        ASSERT_TRUE(server.IsBound());
+        EXPECT_EQ(FailureOf("dc1.corp.example"), "no name server can tell");
+        Resolver resolver(Deadline::In(std::chrono::seconds(20)));
+        try {
+            resolver.ServiceHosts("_ldap._tcp.dc._msdcs.corp.example");
+            FAIL() << "an answer out of nothing";
+        } catch (const Error& error) {
+            EXPECT_EQ(error.Code(), Status::NoController) << error.what();
+        }
+    }
+    CurtNameServer server(ns_r_noerror, true, true);
+    ASSERT_TRUE(server.IsBound());
+    Resolver resolver(Deadline::In(std::chrono::seconds(20)));
+    const HostAddresses& lookup = resolver.LookUp("web1.corp.example");
+    EXPECT_EQ(lookup.addresses.size(), 1u);
+    EXPECT_TRUE(lookup.failure) << "there may be more";
 }
 
 TEST(Resolver, AsksSilentServersNothingMore) {

@@ -12,6 +12,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::Not;
+using testing::StartsWith;
 const std::string latency = "[0-9]+[.][0-9] ms";
 
 /// A second network of a host, with the way to everywhere else in two halves, which goes before a
@@ -236,6 +237,19 @@ TEST_F(LabDiagnose, PreferredControllersAreLookedAtToo) {
     Write("/var/lib/tessary/preferred_controllers", controller_ + "\n10.99.0.101\n");
     const Report report = Diagnose();
     EXPECT_THAT(report.Problems(), ElementsAre("warning controller 10.99.0.101"));
+}
+
+TEST_F(LabDiagnose, ListOfPreferredControllersThatCannotBeRead) {
+    Succeed({"mkdir", "-p", "/var/lib/tessary/preferred_controllers"});
+    const Report report = Diagnose(domain_);
+    EXPECT_THAT(report.Problems(),
+                ElementsAre("failure preferred controllers", "warning membership"));
+    EXPECT_THAT(report.Text("preferred controllers"),
+                HasSubstr("/var/lib/tessary/preferred_controllers"));
+    const std::string remedy = report.Remedy("preferred controllers");
+    EXPECT_THAT(remedy, StartsWith("mv /var/lib/tessary/preferred_controllers "));
+    Succeed({"sh", "-c", remedy});
+    EXPECT_THAT(Diagnose(domain_).Problems(), ElementsAre("warning membership"));
 }
 
 TEST_F(LabDiagnose, RemedyOfAControllerGoesByWhereItsNameIsFrom) {

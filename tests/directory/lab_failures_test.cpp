@@ -352,8 +352,9 @@ TEST_F(LabFailures, SecondJoinAtOnceIsToldToComeBack) {
     lab::Command other(lab::WordsOn(
         "host1", {"flock", "/var/lib/tessary/domain_lock", "sh", "-c", "echo locked; cat"}));
     other.AwaitOutput();
-    ExpectFailure(lab::RunOn("host1", JoinWords(domain_, admin_), password_ + "\n"), "another join",
-                  otherJoin, "another process is changing /var/lib/tessary");
+    const Words join = lab::InHaste(30, JoinWords(domain_, admin_));
+    ExpectFailure(lab::RunOn("host1", join, password_ + "\n"), "another join", otherJoin,
+                  "another process is changing /var/lib/tessary");
     other.Finish();
     ExpectNoNewAccount();
 }
