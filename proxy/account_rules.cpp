@@ -67,7 +67,7 @@ std::string JustGiven(const AccountRecord& record, const AccountRules& rules,
                       AccountRecords::Time now) {
     const auto end = std::chrono::system_clock::from_time_t(record.started) + rules.unusedAfter;
     const auto left = std::max<long>(std::chrono::ceil<std::chrono::minutes>(end - now).count(), 1);
-    return "was given to this host a moment ago: it is removed again in " + std::to_string(left) +
+    return "was given to this host a moment ago: it is disabled in " + std::to_string(left) +
            (left == 1 ? " minute" : " minutes") +
            " unless the host takes it over, the host can ask again then, and an administrator of "
            "the proxy can allow it at once with 'tesauth-apxd release " +

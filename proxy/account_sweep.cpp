@@ -162,9 +162,11 @@ void AccountSweep::DecideGiven(AccountRecord record, const std::optional<Account
     const bool isLateReset = record.state == AccountState::Withdrawn && !IsOver(record) &&
                              account->mark != record.mark && account->mark.starts_with(markPrefix);
     if (account->passwordSet > record.passwordSet && isLateReset) {
-        // One of ours that was done after all; nobody has its password.
+        // One of ours that was done after all, whose password nobody has; or else the record is a
+        // copy, and the host has asked again and is in: its account is to stay.
         record.mark = account->mark;
         record.passwordSet = account->passwordSet;
+        record.used = true;
     }
     if (account->passwordSet > record.passwordSet)
         return Take(std::move(record), *account);
@@ -268,7 +270,9 @@ void AccountSweep::Delete(AccountRecord record, const AccountFacts& account) {
 void AccountSweep::Take(AccountRecord record, const AccountFacts& account) {
     const bool withdrawn = record.state == AccountState::Withdrawn;
     // That it was disabled at another controller may come to be known here later than the password.
-    if (withdrawn && !account.IsDisabled() && !IsOver(record))
+    // Who disables it after that means it.
+    const bool isKnown = first_ && clock_() >= StartOf(record) + deletionTime;
+    if (withdrawn && !account.IsDisabled() && !isKnown && !IsOver(record))
         return records_.Postpone(record.account, clock_() + retryTime);
     if (withdrawn && account.IsDisabled())
         Enable(record, account);

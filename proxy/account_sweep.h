@@ -20,11 +20,12 @@ namespace tessary::proxy {
 /// what it cannot do is said once and tried again every minute.
 ///
 /// An account that was made for a host, and whose password nobody has changed, is disabled, which
-/// ends that password and can be undone, and is deleted when it is looked at again.
+/// ends that password and can be undone, and is deleted a quarter of an hour later.
 ///
 /// It stays disabled instead
-/// - when a host had used it before it got a new password: what the domain knows of it, its groups
-///   among that, may be wanted;
+/// - when a host had used it before it got a new password, or may have: what the domain knows of
+/// it,
+///   its groups among that, may be wanted;
 /// - when somebody else has changed its mark, or it cannot be deleted;
 /// - when the PDC emulator was not to be reached for a day.
 /// Disabled, by whomever, it is given a new password as soon as its host asks again: to keep a host

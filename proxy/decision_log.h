@@ -18,13 +18,13 @@ using LogSink = std::function<void(int priority, const std::string& line)>;
 /// The system's log, facility LOG_DAEMON.
 LogSink SystemLog();
 
-/// What everybody can cause who reaches the port, as often as he likes.
+/// What can be caused as often as anybody likes who reaches the port, or nearly so.
 enum class Nuisance {
     TooManyConnections, ///< closed when it was accepted
     GaveWay,            ///< closed for a newer connection
     Handshake,          ///< no TLS came about
     TooSlow,            ///< no whole request, or an answer not taken, in time
-    ClosedEarly,        ///< ended by the client before a whole request
+    ClosedEarly,        ///< ended by the client before anybody began with an answer
     Malformed,          ///< no request that can be read
     NotAllowed,         ///< from an address that may not ask
     TooManyRequests,

@@ -11,6 +11,7 @@
 #include <array>
 #include <cerrno>
 #include <system_error>
+#include <tuple>
 
 #include "account_service.h"
 #include "listener.h"
@@ -168,11 +169,13 @@ void FrontDoor::Admit(directory::UniqueFd socket, const Peer& peer) {
     const bool isListed = IsListed(peer.address);
     const SiteKey key{peer.address.Site(), isListed};
     const auto known = sites_.find(key);
+    const bool isFull = guests_.size() >= settings_.connections;
+    const unsigned mostUnlisted = std::clamp(settings_.connections / 4, 1u, mostStrangers);
     if ((known != sites_.end() && known->second.connections >= settings_.connectionsPerAddress) ||
-        (!isListed && unlisted_ >= std::clamp(settings_.connections / 4, 1u, mostStrangers)) ||
+        (!isListed && (isFull || unlisted_ >= mostUnlisted)) ||
         limits_.IsFlooding(peer.address, isListed, now))
         return nuisances_.Write(Nuisance::TooManyConnections, peer, "", now);
-    if (guests_.size() >= settings_.connections && !MakeRoom())
+    if (isFull && !MakeRoom())
         return nuisances_.Write(Nuisance::TooManyConnections, peer, "all are being answered", now);
 
     const std::uint64_t id = nextId_++;
@@ -191,11 +194,14 @@ void FrontDoor::Admit(directory::UniqueFd socket, const Peer& peer) {
     }
 }
 
-/// The oldest one gives way, of the site that holds the most, or of those that do.
+/// Those who may not ask give way first; then the oldest one does, of the site that holds the most,
+/// or of those that do.
 bool FrontDoor::MakeRoom() {
     const auto rank = [this](const Sites::value_type& site) {
         const auto& held = site.second.unfinished;
-        return std::pair(held.size(), held.empty() ? 0 : nextId_ - *held.begin());
+        const bool isListed = site.first.second;
+        return held.empty() ? std::tuple(false, held.size(), std::uint64_t{0})
+                            : std::tuple(!isListed, held.size(), nextId_ - *held.begin());
     };
     const auto most =
         std::max_element(sites_.begin(), sites_.end(), [&](const auto& one, const auto& other) {

@@ -57,10 +57,12 @@ void WorkQueue::Tidy() {
 WorkQueue::Site* WorkQueue::NextFor(bool quickOnly) {
     if (!quick_.waiting.empty())
         return &quick_;
+    if (quickOnly)
+        return nullptr;
     Site* next = nullptr;
     const auto rank = [](const Site& site) { return std::pair(site.running, site.turn); };
     for (auto& [address, site] : sites_) {
-        if (!quickOnly && !site.waiting.empty() && site.running < perSite_ &&
+        if (!site.waiting.empty() && site.running < perSite_ &&
             (next == nullptr || rank(site) < rank(*next)))
             next = &site;
     }

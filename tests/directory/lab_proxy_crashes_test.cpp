@@ -191,8 +191,11 @@ TEST_F(LabProxyCrashes, ResetThatIsDoneAfterItsAccountWasTakenBackIsNoHosts) {
     Change(Only(account).dn, "userAccountControl", "4096");
     Pass(minutes(1));
     EXPECT_EQ(Only(account).Value("userAccountControl"), "4098");
+    // It stays: should the record be a copy from then, that was the host, which gets it back.
     Pass(minutes(16));
-    EXPECT_EQ(Count(account), 0u);
+    EXPECT_EQ(Only(account).Value("userAccountControl"), "4098");
+    EXPECT_EQ(Record(account).value().state, AccountState::Unclaimed);
+    Make(host);
 }
 
 TEST_F(LabProxyCrashes, AccountThatTheRecordKnowsOnlyFromLongAgoIsItsHosts) {
@@ -275,12 +278,26 @@ TEST_F(LabProxyCrashes, HostWhoseAccountIsDisabledAtAnotherControllerGetsItBack)
     EXPECT_EQ(Record(account).value().state, AccountState::Taken);
 }
 
-TEST_F(LabProxyCrashes, AccountThatWasNotDisabledAfterAllIsItsHostsAfterADay) {
+TEST_F(LabProxyCrashes, AccountThatWasNotDisabledAfterAllIsItsHosts) {
     Make(host);
     SweepOneThatIsKilled(Point::BeforeChange);
     ChangePassword(account);
-    Pass(std::chrono::hours(25));
+    Pass(minutes(16));
     EXPECT_EQ(Only(account).Value("userAccountControl"), "4096");
+    EXPECT_EQ(Record(account).value().state, AccountState::Taken);
+    Disable(account);
+    Pass(minutes(1));
+    EXPECT_EQ(Only(account).Value("userAccountControl"), "4098") << "by an administrator";
+}
+
+TEST_F(LabProxyCrashes, AccountThatWasNotDisabledIsItsHostsAfterADayByAnotherControllersWord) {
+    Make(host);
+    SweepOneThatIsKilled(Point::BeforeChange);
+    ChangePassword(account);
+    const PdcEmulatorIsHidden hidden;
+    Pass(minutes(16));
+    EXPECT_EQ(Record(account).value().state, AccountState::Withdrawn);
+    Pass(std::chrono::hours(25));
     EXPECT_EQ(Record(account).value().state, AccountState::Taken);
 }
 

@@ -17,7 +17,7 @@ constexpr char inUse[] = "5 the account WEB1$ is there already, and is in use: a
                          "the proxy can let it be given a new password with "
                          "'tesauth-apxd release web1.corp.example'";
 constexpr char justGiven[] =
-    "5 the account WEB1$ was given to this host a moment ago: it is removed again in 10 minutes "
+    "5 the account WEB1$ was given to this host a moment ago: it is disabled in 10 minutes "
     "unless the host takes it over, the host can ask again then, and an administrator of the proxy "
     "can allow it at once with 'tesauth-apxd release web1.corp.example'";
 constexpr char notYet[] = "1311 the controller does not know the account yet";

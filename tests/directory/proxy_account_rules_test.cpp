@@ -135,7 +135,7 @@ TEST(ProxyAccountRules, AccountThatWasGivenAMomentAgo) {
     given.state = AccountState::Given;
     given.passwordSet = Plain().passwordSet;
     const auto text = [](const std::string& time) {
-        return Optional("was given to this host a moment ago: it is removed again in " + time +
+        return Optional("was given to this host a moment ago: it is disabled in " + time +
                         " unless the host takes it over, the host can ask again then, and an "
                         "administrator of the proxy can allow it at once with 'tesauth-apxd "
                         "release web1.corp.example'");

@@ -61,6 +61,7 @@ protected:
 };
 
 TEST_F(FloodTest, ServesBesideTwoThousandConnectionsOfAByteNowAndThen) {
+    settings_.front.requestTime = std::chrono::hours(1); // however busy this machine is
     Start();
     const std::size_t before = ResidentBytes();
     const auto slow = HoldSlowly(2000, "127.0.0.1");
@@ -162,6 +163,23 @@ TEST_F(FloodTest, GivesStrangersAShareOfTheConnections) {
     EXPECT_EQ(log_.Count("closed: made room"), 0u);
 }
 
+TEST_F(FloodTest, HasStrangersGiveWayAndNobodyGiveWayToThem) {
+    settings_.front.allowedNetworks = {*Network::Parse("127.0.0.0/24")};
+    settings_.front.connections = 4;
+    Start();
+    const auto two = HoldSlowly(2, "127.0.0.1");
+    const auto one = HoldSlowly(1, "127.0.0.2");
+    const auto stranger = HoldSlowly(1, "127.0.1.1");
+    const auto another = HoldSlowly(1, "127.0.0.3");
+    EXPECT_TRUE(IsEnded(stranger.front()->Socket()));
+    EXPECT_TRUE(IsEnded(ConnectFrom("127.0.1.2", Port()).Get()));
+    for (const auto* held : {&two, &one, &another})
+        for (const auto& client : *held)
+            EXPECT_TRUE(IsOpen(client->Socket()));
+    EXPECT_EQ(log_.Count("closed: made room"), 1u);
+    EXPECT_EQ(log_.Count("127.0.1.1:"), 1u);
+}
+
 TEST_F(FloodTest, KeepsAHostsShareFromStrangersOfItsNetwork) {
     ASSERT_EQ(std::system("ip address add fd00::9/128 dev lo nodad && "
                           "ip address add fd00::1/128 dev lo nodad"),
@@ -208,6 +226,7 @@ TEST_F(FloodTest, HoldsUnfinishedGreetingsInTheMemoryThatIsAllowedFor) {
     constexpr std::size_t allowedForEach = 200 * 1024; // by the service's limit on memory
     constexpr std::size_t held = 16'000; // of a longer one, the rest is not waited for
     constexpr std::size_t count = 2000;  // beside them, what else the process takes is little
+    settings_.front.requestTime = std::chrono::hours(1);
     Start();
     ASSERT_EQ(ServeHonestHost(), 201);
     const std::string greeting = UnfinishedGreeting(4096).substr(0, held);

@@ -69,7 +69,7 @@ TEST_F(RequestFloodTest, ClosesTheDoorToAnAddressThatLeavesAgainAndAgain) {
 
 TEST_F(RequestFloodTest, ClosesTheDoorToAnAddressThatIsSlowAgainAndAgain) {
     settings_.front.requestsPerMinuteAndAddress = 5;
-    settings_.front.requestTime = milliseconds(300);
+    settings_.front.requestTime = milliseconds(900);
     Start();
     std::vector<tessary::directory::UniqueFd> silent;
     for (int i = 0; i < 10; ++i)
@@ -201,7 +201,7 @@ TEST_F(RequestFloodTest, ForgetsRequestsWhoseClientsHaveEndedInOrder) {
 
 TEST_F(RequestFloodTest, SendsThoseAwayWhoWouldWaitForTooLong) {
     settings_.workers = 1;
-    settings_.front.waitTime = milliseconds(200);
+    settings_.front.waitTime = milliseconds(900);
     Start();
     accounts_.Hold("web1.corp.example");
     Client first(Port());
