@@ -22,6 +22,8 @@ namespace {
 constexpr char keytabCheck[] = "keytab";
 constexpr char trustCheck[] = "trust";
 
+constexpr int timeToLookAgain = 3000; // milliseconds that it takes at most, as a rule
+
 /// What is in the keytab.
 struct KeytabContent {
     bool isThere = true;
@@ -298,7 +300,8 @@ Findings CheckMembership(const DomainState& state, const std::string& controller
         return findings;
     // A key that is changed meanwhile looks like one that is wrong.
     const KeytabContent now = ReadKeytab(state);
-    return now.newest == before.newest ? findings : LookAt(state, now, controller, deadline);
+    const bool isSame = now.newest == before.newest || deadline.Milliseconds() < timeToLookAgain;
+    return isSame ? findings : LookAt(state, now, controller, deadline);
 }
 
 } // namespace tessary::directory

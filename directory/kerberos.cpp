@@ -193,7 +193,7 @@ KerberosSession::~KerberosSession() {
 
 void KerberosSession::Redirect(KdcFinder findKdc, const Deadline& deadline) {
     findKdc_ = std::move(findKdc);
-    deadline_ = deadline;
+    Extend(deadline);
 }
 
 krb5_error_code KerberosSession::Exchange(krb5_context, void* self, const krb5_data* realm,

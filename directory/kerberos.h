@@ -57,6 +57,8 @@ public:
     KerberosSession(const KerberosSession&) = delete;
     KerberosSession& operator=(const KerberosSession&) = delete;
 
+    /// Gives what follows another deadline.
+    void Extend(const Deadline& deadline) { deadline_ = deadline; }
     /// Goes on with another key distribution centre, the tickets kept.
     void Redirect(KdcFinder findKdc, const Deadline& deadline);
 

@@ -129,15 +129,18 @@ void Resolver::AddAddress(const std::string& host, int type, const unsigned char
         known.push_back(*address);
 }
 
+void Resolver::ThrowNoService(const std::string& name) const {
+    if (IsTold())
+        throw Error(Status::NoSuchDomain, "no service record " + name);
+    throw Error(
+        Status::NoController,
+        (silent_ ? "no name server answers the question for " : "no name server can tell ") + name);
+}
+
 std::vector<ServiceRecord> Resolver::ServiceRecords(const std::string& name) {
     ns_msg message;
-    if (!Query(name, ns_t_srv)) {
-        if (IsTold())
-            throw Error(Status::NoSuchDomain, "no service record " + name);
-        throw Error(Status::NoController, (silent_ ? "no name server answers the question for "
-                                                   : "no name server can tell ") +
-                                              name);
-    }
+    if (!Query(name, ns_t_srv))
+        ThrowNoService(name);
     if (ns_initparse(answer_.data(), static_cast<int>(answer_.size()), &message) != 0)
         throw Error(Status::NoController, "malformed answer for " + name);
 
@@ -156,7 +159,7 @@ std::vector<ServiceRecord> Resolver::ServiceRecords(const std::string& name) {
                    ns_rr_rdlen(record));
     });
     if (services.empty())
-        throw Error(Status::NoSuchDomain, "no service record " + name);
+        ThrowNoService(name);
 
     std::sort(services.begin(), services.end(), [](const auto& a, const auto& b) {
         return std::tie(a.priority, b.weight, a.host) < std::tie(b.priority, a.weight, b.host);

@@ -78,6 +78,8 @@ private:
     void QueryAddresses(const std::string& host, int type);
     /// Whether the last question was answered, be it that there is no such record.
     bool IsTold() const;
+    /// Throws what it means that the last question, for a service, brought no record of one.
+    [[noreturn]] void ThrowNoService(const std::string& name) const;
 
     struct __res_state state_ {};
     std::vector<unsigned char> answer_;

@@ -60,7 +60,10 @@ public:
     Session(Controller controller, const KeytabLogin& login, const Deadline& deadline);
 
     /// Gives what follows on the same connection another deadline.
-    void Extend(const Deadline& deadline) { deadline_ = deadline; }
+    void Extend(const Deadline& deadline) {
+        deadline_ = deadline;
+        kerberos_.Extend(deadline);
+    }
 
     /// When the ticket that this session logged in with ends, by this host's clock.
     std::chrono::system_clock::time_point TicketEnd();

@@ -33,7 +33,8 @@ struct AccountRecord {
     std::string guid;    ///< its objectGUID in hexadecimal digits; empty while it is not known
     std::int64_t passwordSet = 0; ///< its pwdLastSet when the password was last given to a host
     AccountState state = AccountState::Pending;
-    bool used = false;        ///< a host has changed its password, be it an earlier one
+    bool used = false;        ///< a host has changed its password, be it an earlier one, or
+                              ///< may have
     bool released = false;    ///< it may be given a new password once
     std::int64_t started = 0; ///< when it was asked for, given, withdrawn or settled, in seconds
                               ///< since 1970

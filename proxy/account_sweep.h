@@ -24,8 +24,7 @@ namespace tessary::proxy {
 ///
 /// It stays disabled instead
 /// - when a host had used it before it got a new password, or may have: what the domain knows of
-/// it,
-///   its groups among that, may be wanted;
+///   it, its groups among that, may be wanted;
 /// - when somebody else has changed its mark, or it cannot be deleted;
 /// - when the PDC emulator was not to be reached for a day.
 /// Disabled, by whomever, it is given a new password as soon as its host asks again: to keep a host

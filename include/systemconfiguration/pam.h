@@ -73,6 +73,7 @@ public:
     /// Throws InvalidControlException for any other: "Invalid Control: " and the text.
     PAMControl(const std::string& keyword);
 
+    /// The text of a list of actions stays for another list only.
     PAMControl& operator=(Control control);
     /// Kept on purpose: the text of a former list of actions stays, unused, when the new control is
     /// none. Throws as the constructor does, and leaves the control as it was then.

@@ -74,10 +74,10 @@ public:
     ActiveDirectoryProvider& operator=(const ActiveDirectoryProvider&) = delete;
 
     /// The PAM and NSS modules of the plug-in's users, and the modules' parameters.
-    const std::string& PAMModule() const { return pamModule; }
-    const std::list<std::string>& PAMModuleParameters() const { return pamModuleParameters; }
-    const std::string& NSSModule() const { return nssModule; }
-    const std::list<std::string>& NSSModuleParameters() const { return nssModuleParameters; }
+    const std::string& PAMModule() const;
+    const std::list<std::string>& PAMModuleParameters() const;
+    const std::string& NSSModule() const;
+    const std::list<std::string>& NSSModuleParameters() const;
 
     /// The version in the plug-in's operations table.
     int32_t GetAPIVersion() const;

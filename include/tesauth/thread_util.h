@@ -25,7 +25,8 @@ public:
     static void SetScheduler(Scheduler newScheduler);
 
     /// Starts a function and returns. Throws ThreadErrorException when no thread can be started.
-    /// An exception that leaves the function on a thread of its own ends there.
+    /// An exception that leaves the function on a thread of its own ends there; an empty function
+    /// raises std::bad_function_call, which ends the process.
     static void ScheduleFunctor(Functor functor);
 
 protected:

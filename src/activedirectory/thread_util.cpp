@@ -16,6 +16,10 @@ namespace {
 __attribute__((no_sanitize("null"))) void* RunFunctor(void* argument) {
     const std::unique_ptr<TesauthThreadUtil::Functor> functor(
         static_cast<TesauthThreadUtil::Functor*>(argument));
+    // Kept on purpose: who has nothing run hears of it, and so does the process.
+    if (!*functor) {
+        throw std::bad_function_call();
+    }
     try {
         (*functor)();
     } catch (const abi::__forced_unwind&) {

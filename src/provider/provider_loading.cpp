@@ -52,6 +52,22 @@ ActiveDirectoryProvider::~ActiveDirectoryProvider() {
     handle.reset(); // before the strings go
 }
 
+const std::string& ActiveDirectoryProvider::PAMModule() const {
+    return pamModule;
+}
+
+const std::list<std::string>& ActiveDirectoryProvider::PAMModuleParameters() const {
+    return pamModuleParameters;
+}
+
+const std::string& ActiveDirectoryProvider::NSSModule() const {
+    return nssModule;
+}
+
+const std::list<std::string>& ActiveDirectoryProvider::NSSModuleParameters() const {
+    return nssModuleParameters;
+}
+
 int32_t ActiveDirectoryProvider::GetAPIVersion() const {
     return operations->apiVersion;
 }

@@ -41,6 +41,8 @@ PAMControl::PAMControl(const std::string& keyword) : PAMControl() {
 }
 
 PAMControl& PAMControl::operator=(Control control) {
+    if (control != Bracketed)
+        text_.clear();
     value_ = control;
     return *this;
 }

@@ -30,6 +30,9 @@ for wanted in 'ThrowMappedException\(unsigned int\)' 'ThrowMappedProxyException\
     'typeinfo for tessary::authentication::WSATimedOutException' \
     'RequestState::WaitResult\(int\)' 'TesauthThreadUtil::SetScheduler' \
     'ActiveDirectoryStore::StartOrAttachToRequest' 'GetKeyValuePair' \
+    'Provider::PAMModule\[abi:cxx11\]\(\) const' 'Provider::PAMModuleParameters\[abi:cxx11\]\(\) const' \
+    'Provider::NSSModule\[abi:cxx11\]\(\) const' 'Provider::NSSModuleParameters\[abi:cxx11\]\(\) const' \
+    'Provider::GetAPIVersion\(\) const' \
     'operator>>\(.*SystemConfiguration::PAMPolicy&\)' 'typeinfo for SystemConfiguration::InvalidDatabaseException' \
     'Singleton<tessary::authentication::AuthenticationStoreFactory>::_instance'; do
     expect symbols "$symbols" "$wanted"

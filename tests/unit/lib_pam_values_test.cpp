@@ -108,6 +108,15 @@ TEST(PAMControlTest, TextThatWasGivenIsNotLookedAt) {
     EXPECT_EQ(Text(control), "[ok]");
 }
 
+TEST(PAMControlTest, ValueThatIsNoListOfActionsHasNoText) {
+    PAMControl control(std::string("[x]"));
+    control = PAMControl::Bracketed;
+    EXPECT_EQ(Text(control), "[x]");
+    control = PAMControl::Required;
+    control = PAMControl::Bracketed;
+    EXPECT_EQ(Text(control), "");
+}
+
 TEST(PAMControlTest, StaleTextStaysUnused) {
     PAMControl control(std::string("[default=ok]"));
     control = std::string("required");

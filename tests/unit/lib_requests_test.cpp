@@ -225,12 +225,20 @@ TEST_F(SchedulerTest, ThreadThatCannotBeStarted) {
               "Thread Error: ");
 }
 
+TEST_F(SchedulerTest, NothingToRunEndsTheProcess) {
+    EXPECT_DEATH(
+        {
+            TesauthThreadUtil::ScheduleFunctor(nullptr);
+            std::this_thread::sleep_for(std::chrono::seconds(10));
+        },
+        "bad_function_call");
+}
+
 TEST_F(SchedulerTest, WhateverLeavesAFunctionEndsThere) {
     std::promise<void> afterwards;
     TesauthThreadUtil::ScheduleFunctor([] { throw std::runtime_error("not ours"); });
     TesauthThreadUtil::ScheduleFunctor([] { throw 42; });
     TesauthThreadUtil::ScheduleFunctor([] { throw IOError("ours"); });
-    TesauthThreadUtil::ScheduleFunctor(nullptr); // raises std::bad_function_call
     TesauthThreadUtil::ScheduleFunctor([] { pthread_exit(nullptr); });
     TesauthThreadUtil::ScheduleFunctor([&] { afterwards.set_value(); });
     EXPECT_EQ(afterwards.get_future().wait_for(std::chrono::seconds(10)),

@@ -1,6 +1,7 @@
 // A program of somebody else's, built against the installed library and its installed headers.
 #include <iostream>
 
+#include "hostctl/host.h"
 #include "tesauth/tesauth.h"
 
 int main() {
@@ -9,5 +10,11 @@ int main() {
         std::cout << name << '\n';
     }
     const auto store = factory.CreateInstance("None");
+    try {
+        HostCtl::HostFactory::GetHost()->GetAdvancedOptions();
+    } catch (const HostCtl::Lib::HostCtlException& failure) { // which stores let through
+        std::cerr << failure.what() << '\n';
+        return 2;
+    }
     return store->IsActive() ? 0 : 1;
 }
