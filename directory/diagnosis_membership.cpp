@@ -300,8 +300,9 @@ Findings CheckMembership(const DomainState& state, const std::string& controller
         return findings;
     // A key that is changed meanwhile looks like one that is wrong.
     const KeytabContent now = ReadKeytab(state);
-    const bool isSame = now.newest == before.newest || deadline.Milliseconds() < timeToLookAgain;
-    return isSame ? findings : LookAt(state, now, controller, deadline);
+    if (now.newest == before.newest || deadline.Milliseconds() < timeToLookAgain)
+        return findings;
+    return LookAt(state, now, controller, deadline);
 }
 
 } // namespace tessary::directory

@@ -42,7 +42,7 @@ private:
 };
 
 /// A ticket cache in memory and what fills it. Every exchange with a key distribution centre is
-/// over by the deadline given to the constructor. Use by one thread at a time.
+/// over by the deadline that was given last. Use by one thread at a time.
 ///
 /// Failures are Errors that tell a user's mistakes apart: NoSuchUser, WrongPassword,
 /// AccountDisabled, PasswordExpired, ClockSkew, InvalidUserName; ConnectionRefused, NoController

@@ -270,6 +270,7 @@ void AccountSweep::Delete(AccountRecord record, const AccountFacts& account) {
 void AccountSweep::Take(AccountRecord record, const AccountFacts& account) {
     const bool withdrawn = record.state == AccountState::Withdrawn;
     // That it was disabled at another controller may come to be known here later than the password.
+    // Whoever disables it within the day is taken for this proxy.
     if (withdrawn && !account.IsDisabled() && !IsOver(record))
         return records_.Postpone(record.account, clock_() + retryTime);
     if (withdrawn && account.IsDisabled())

@@ -16,7 +16,8 @@ namespace {
 __attribute__((no_sanitize("null"))) void* RunFunctor(void* argument) {
     const std::unique_ptr<TesauthThreadUtil::Functor> functor(
         static_cast<TesauthThreadUtil::Functor*>(argument));
-    // Kept on purpose: who has nothing run hears of it, and so does the process.
+    // Kept on purpose: nothing to run is the caller's mistake, not a request that has failed, and
+    // ends the process.
     if (!*functor) {
         throw std::bad_function_call();
     }
